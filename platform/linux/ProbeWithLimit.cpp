@@ -1,0 +1,74 @@
+#include "platform/linux/ProbeWithLimit.h"
+
+#include <exception>
+#include <map>
+#include <thread>
+#include <utility>
+
+#include "platform/Mutex.h"
+#include "platform/linux/Deadline.h"
+
+namespace quillsift {
+
+namespace {
+
+// Lost memory, and whatever else goes wrong, costs one look.
+std::optional<VolumeFacts> resultOf(const ProbeWithLimit::Probe& probe, const std::string& path) {
+  try {
+    return probe(path);
+  } catch (const std::exception&) {
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+struct ProbeWithLimit::Look {
+  const std::chrono::steady_clock::time_point deadline;
+  bool done = false;  // guarded, as the result, by the mutex of all looks
+  std::optional<VolumeFacts> result;
+};
+
+struct ProbeWithLimit::Looks {
+  Mutex mutex;
+  ConditionVariable someDone;
+  std::map<std::string, std::shared_ptr<Look>> underWay QS_GUARDED_BY(mutex);
+};
+
+ProbeWithLimit::ProbeWithLimit(Probe probe, std::chrono::nanoseconds limit)
+    : probe_(std::move(probe)), limit_(limit), looks_(std::make_shared<Looks>()) {}
+
+std::shared_ptr<ProbeWithLimit::Look> ProbeWithLimit::join(const std::string& path) {
+  MutexLock lock(looks_->mutex);
+  auto& look = looks_->underWay[path];
+  if (look) return look;
+  look = std::make_shared<Look>(Look{.deadline = deadlineAfter(limit_), .result = {}});
+  try {
+    std::thread([probe = probe_, path, look = look, looks = looks_] {
+      auto result = resultOf(probe, path);
+      MutexLock finishing(looks->mutex);
+      look->result = std::move(result);
+      look->done = true;
+      looks->underWay.erase(path);
+      looks->someDone.notify_all();
+    }).detach();
+  } catch (const std::exception&) {  // no thread, or no memory
+    looks_->underWay.erase(path);
+    return nullptr;
+  }
+  return look;
+}
+
+std::optional<VolumeFacts> ProbeWithLimit::operator()(const std::string& path) {
+  const auto look = join(path);
+  if (!look) return std::nullopt;
+  MutexLock lock(looks_->mutex);
+  while (!look->done) {
+    if (looks_->someDone.wait_until(looks_->mutex, look->deadline) == std::cv_status::timeout) {
+      break;
+    }
+  }
+  return look->done ? look->result : std::nullopt;
+}
+
+}  // namespace quillsift

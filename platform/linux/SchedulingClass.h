@@ -1,0 +1,24 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include "platform/QualityOfService.h"
+
+namespace quillsift {
+
+// What a class means to the scheduler of the host. Utility work runs 5 steps of niceness below the
+// daemon and near the end of the best-effort I/O range, so that it yields without starving; the
+// other classes run as the daemon does. Where the host refuses, things stay as they are.
+
+// Puts the calling thread into the class; the threads and children it starts inherit that. A
+// lowered thread can be raised again by a privileged process only.
+void setThreadSchedulingClass(QOSClass qos);
+
+// Raises the calling thread above the daemon's others and its children, where the host allows that.
+// For a thread whose work is short and waited for by a person, among dozens of busy children.
+void setPromptScheduling();
+
+// Puts a child of ours into the class, unless it has inherited just that from the calling thread.
+void setChildSchedulingClass(pid_t child, QOSClass qos);
+
+}  // namespace quillsift
