@@ -1,0 +1,152 @@
+// Saves: taking the save lock, handing over to a writer, clearing what was saved.
+
+#include <utility>
+
+#include "daemon/QSServiceClient.h"
+#include "daemon/QSServiceDaemon.h"
+#include "host/QSDaemonUtils.h"
+#include "host/QSLog.h"
+#include "host/QSUtilities.h"
+#include "host/QSVolumeUtilities.h"
+#include "jobs/QSTime.h"
+#include "platform/Text.h"
+#include "save/ArchiveWriter.h"
+#include "save/DirectoryWriter.h"
+#include "save/SaveHost.h"
+
+namespace quillsift {
+
+namespace {
+
+// Gives the save lock, which somebody else took, back at the end of a scope.
+class SaveLockRelease {
+ public:
+  explicit SaveLockRelease(SaveLock& lock) : lock_(lock) {}
+  ~SaveLockRelease() { lock_.unlock(); }
+  SaveLockRelease(const SaveLockRelease&) = delete;
+  SaveLockRelease& operator=(const SaveLockRelease&) = delete;
+
+ private:
+  SaveLock& lock_;
+};
+
+}  // namespace
+
+// What a writer sees of the daemon during one save.
+class QSServiceDaemon::SaveOperation : public SaveHost {
+ public:
+  SaveOperation(QSServiceDaemon& daemon, bool reportProgress, bool takeVariablesLock)
+      : daemon_(daemon), reportProgress_(reportProgress), takeVariablesLock_(takeVariablesLock) {}
+
+  std::vector<std::shared_ptr<QSJob>> copyJobs() override {
+    if (!takeVariablesLock_) return copyWithLockHeld();
+    VariablesLockHolder lock(daemon_.quillsiftVariablesLock_);
+    return copyWithLockHeld();
+  }
+
+  void reportSaveProgress(double progress, SaveProgressState state,
+                          const std::string& path) override {
+    if (!reportProgress_) return;
+    daemon_.broadcast([progress, state, path](QSServiceClient& client) {
+      client.reportSaveProgress(progress, static_cast<std::int64_t>(state), path);
+    });
+  }
+
+  // The session whose jobs were copied.
+  const std::optional<QSUUID>& savedSession() const { return savedSession_; }
+
+ private:
+  // Held here, or by the caller of the whole save.
+  std::vector<std::shared_ptr<QSJob>> copyWithLockHeld() QS_NO_ANALYSIS {
+    savedSession_ = daemon_.sessionUUID_;
+    return daemon_.jobs_;
+  }
+
+  QSServiceDaemon& daemon_;
+  const bool reportProgress_;
+  const bool takeVariablesLock_;
+  std::optional<QSUUID> savedSession_;
+};
+
+void QSServiceDaemon::saveQuillsiftToDestination(
+    const std::string& destination, bool shouldArchive, bool collectSensitiveFiles,
+    const std::function<void(bool)>& savingStartedHandler) {
+  for (;;) {
+    VariablesLockHolder lock(quillsiftVariablesLock_);
+    if (quillsiftRunning_) {
+      if (savingStartedHandler) savingStartedHandler(false);
+      return;
+    }
+    if (quillsiftSaveLock_.try_lock()) break;
+    // Another save runs and needs the variables lock to copy the jobs: wait for it without.
+    lock.unlock();
+    quillsiftSaveLock_.waitUntilFree();
+  }
+  try {
+    if (savingStartedHandler) savingStartedHandler(true);
+  } catch (...) {
+    quillsiftSaveLock_.unlock();
+    throw;
+  }
+  if (shouldArchive) {
+    _saveArchivedQuillsiftToDestination(destination, true, true, collectSensitiveFiles, true);
+  } else {
+    _saveNonArchivedQuillsiftToDestination(destination, true, true, collectSensitiveFiles, true);
+  }
+}
+
+void QSServiceDaemon::_saveArchivedQuillsiftToDestination(const std::string& destination,
+                                                          bool reportProgress,
+                                                          bool clearRecoveryDataOnFinish,
+                                                          bool collectSensitiveFiles,
+                                                          bool takeVariablesLock) {
+  const SaveLockRelease release(quillsiftSaveLock_);
+  SaveOperation operation(*this, reportProgress, takeVariablesLock);
+  const bool saved = writeArchive(destination, collectSensitiveFiles, operation);
+  if (saved && clearRecoveryDataOnFinish) clearAfterSave(operation.savedSession());
+}
+
+void QSServiceDaemon::_saveNonArchivedQuillsiftToDestination(const std::string& destination,
+                                                             bool reportProgress,
+                                                             bool clearRecoveryDataOnFinish,
+                                                             bool collectSensitiveFiles,
+                                                             bool takeVariablesLock) {
+  const SaveLockRelease release(quillsiftSaveLock_);
+  SaveOperation operation(*this, reportProgress, takeVariablesLock);
+  const bool saved = writeDirectory(destination, collectSensitiveFiles, operation);
+  if (saved && clearRecoveryDataOnFinish) clearAfterSave(operation.savedSession());
+}
+
+// Still under the save lock, so that a save which waits for this one finds an empty session and a
+// start cannot slip in between.
+void QSServiceDaemon::clearAfterSave(const std::optional<QSUUID>& savedSession) {
+  VariablesLockHolder lock(quillsiftVariablesLock_);
+  const bool newSession = sessionUUID_ && sessionUUID_ != savedSession;
+  if (!newSession) __clearRecoveryData();
+}
+
+void QSServiceDaemon::_autoSaveQuillsiftIfApplicable(VariablesLockHolder& held) QS_NO_ANALYSIS {
+  const auto volume = QSDaemonUtils::AutoSaveVolumeUUID();
+  if (!volume) return;
+  QSLog(kLogInfo, 1, "Attempting to autosave quillsift archive to volume uuid: '%s'.",
+        volume->c_str());
+  const auto mountPoint = QSVolumeUtilities::mountPointForVellumVolumeUUID(*volume, true, nullptr);
+  if (!mountPoint) {
+    QSLog(kLogError, 1,
+          "Failed to autosave archive. There is no mountpoint for the volume uuid: '%s'.",
+          volume->c_str());
+    return;
+  }
+  const std::string path =
+      joinedPath(*mountPoint, QSUtilities::ArchiveNameGivenDate(currentDate(), false));
+  QSLog(kLogInfo, 1, "Autosaving quillsift archive to path: '%s'.", path.c_str());
+  while (!quillsiftSaveLock_.try_lock()) {
+    // Only after a clear can a save run now; it needs the variables lock to get on.
+    held.unlock();
+    quillsiftSaveLock_.waitUntilFree();
+    held.lock();
+  }
+  _saveArchivedQuillsiftToDestination(path, false, false, true, false);
+}
+
+}  // namespace quillsift
