@@ -1,0 +1,26 @@
+#include "client/ExitCode.h"
+
+#include <system_error>
+
+namespace quillsift {
+
+Ending endingOf(const ServiceError& error) {
+  using Kind = ServiceError::Kind;
+  switch (error.kind) {
+    case Kind::noDaemon:
+    case Kind::notAdmitted:
+    case Kind::disconnected:
+      return {ExitCode::noDaemon, error.text};
+    case Kind::none:
+    case Kind::timedOut:
+    case Kind::failed:
+      break;
+  }
+  return {ExitCode::failed, error.text};
+}
+
+std::string outputFailureText(int error) {
+  return "cannot write to standard output: " + std::generic_category().message(error);
+}
+
+}  // namespace quillsift
