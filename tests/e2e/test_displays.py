@@ -2,44 +2,13 @@
 whether they show what was drawn."""
 
 import os
-import shutil
 import struct
-import subprocess
-import tempfile
 import unittest
 import zlib
 from collections import Counter
 
-from harness import PROGRAMS, DaemonTest, members, root_only, run
-
-# Sixteen outputs, the first of them on.
-DUMMY_CONFIGURATION = """
-Section "ServerFlags"
-  Option "AutoAddDevices" "false"
-  Option "AutoAddGPU" "false"
-EndSection
-Section "Device"
-  Identifier "card"
-  Driver "dummy"
-  VideoRam 65536
-EndSection
-Section "Monitor"
-  Identifier "monitor"
-  HorizSync 5-200
-  VertRefresh 5-200
-EndSection
-Section "Screen"
-  Identifier "screen"
-  Device "card"
-  Monitor "monitor"
-  DefaultDepth 24
-  SubSection "Display"
-    Depth 24
-    Virtual 4096 2048
-    Modes "640x480"
-  EndSubSection
-EndSection
-"""
+from harness import DaemonTest, members, root_only, run
+from x_servers import XServer
 
 
 class Picture:
@@ -85,51 +54,6 @@ class Picture:
                        for i in range(0, len(row), 3))
 
 
-class XServer:
-    def __init__(self, *command):
-        self.directory = tempfile.mkdtemp(prefix="quillsift-x-")
-        command = [word.replace("DIRECTORY", self.directory) for word in command]
-        with open(os.path.join(self.directory, "xorg.conf"), "w") as file:
-            file.write(DUMMY_CONFIGURATION)
-        with open(os.path.join(self.directory, "errors"), "wb") as errors:
-            self.process = subprocess.Popen(
-                command + ["-displayfd", "1", "-noreset", "-nolisten", "tcp"],
-                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=errors)
-        # The display's number, once clients can connect.
-        self.number = self.process.stdout.readline().decode().strip()
-        if not self.number:
-            raise AssertionError("%s did not start" % command[0])
-
-    @classmethod
-    def virtual(cls, screen, *options):
-        return cls("Xvfb", "-screen", "0", screen, *options)
-
-    @classmethod
-    def with_outputs(cls):
-        # On a seat of its own it leaves the machine's console alone.
-        return cls("Xorg", "-seat", "quillsift-test", "-config", "DIRECTORY/xorg.conf", "-configdir",
-                   "DIRECTORY/none", "-logfile", "DIRECTORY/log")
-
-    def client(self, *command):
-        result = run(list(command), env=dict(os.environ, DISPLAY=":" + self.number))
-        if result.returncode != 0:
-            raise AssertionError(result.stdout + result.stderr)
-
-    def draw(self, *rectangles):
-        words = " ".join(rectangles).split()
-        self.client(os.path.join(PROGRAMS, "draw_on_screen"), *words)
-
-    def turn_on(self, output, *place):
-        self.client("xrandr", "--addmode", output, "640x480")
-        self.client("xrandr", "--output", output, "--mode", "640x480", *place)
-
-    def stop(self):
-        self.process.terminate()
-        self.process.wait()
-        self.process.stdout.close()
-        shutil.rmtree(self.directory, ignore_errors=True)
-
-
 class DisplaysTest(DaemonTest):
     VARIANT = "VARIANT_ID=internal\n"
 
@@ -142,7 +66,7 @@ class DisplaysTest(DaemonTest):
         directory = self.installation.in_tree("/tmp/.X11-unix")
         os.unlink(directory)
         os.makedirs(directory)
-        os.symlink("/tmp/.X11-unix/X" + server.number, directory + "/X0")
+        server.put_at(directory + "/X0")
         return server
 
     def pictures(self, *arguments):

@@ -10,7 +10,9 @@ import subprocess
 import time
 import unittest
 
+from exclusive import X_SERVERS, held
 from harness import PREFIX, DaemonTest, members
+from x_servers import XServer
 
 IMPORTER = "/lib/systemd/systemd-journal-remote"
 ARCHIVE = "Logs/Recovery.logarchive/"
@@ -268,23 +270,14 @@ class WindowServerTest(LogTest):
         program = self.installation.path("libexec/quillsift/quillsift-paneinfo")
         shutil.copy2(os.path.join(PREFIX, "libexec/quillsift/quillsift-paneinfo"), program)
         self.installation.link(self.TOOL, program)
-        reading, writing = os.pipe()
-        self.server = subprocess.Popen(
-            ["Xvfb", "-displayfd", str(writing), "-screen", "0", "321x234x24", "-nolisten", "tcp"],
-            pass_fds=[writing], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(self.stop)
-        os.close(writing)
-        with os.fdopen(reading) as ready:
-            self.display = ":" + ready.readline().strip()
-
-    def stop(self):
-        self.server.terminate()
-        self.server.wait()
+        self.server = XServer.virtual("321x234x24")
+        self.addCleanup(self.server.stop)
 
     def test_shows_its_screens(self):
-        servers = plistlib.loads(self.saved()["Graphics/paneinfo.bin"])
-        # Others may run on this machine too.
-        mine = [server for server in servers if server["Display"] == self.display]
+        # All of the machine are shown. One that starts or ends has no socket that tells its display.
+        with held(X_SERVERS):
+            servers = plistlib.loads(self.saved()["Graphics/paneinfo.bin"])
+        mine = [server for server in servers if server["Display"] == self.server.display]
         self.assertEqual(len(mine), 1, servers)
         screen = mine[0]["Screens"][0]
         self.assertEqual((screen["Width"], screen["Height"]), (321, 234))
