@@ -84,6 +84,11 @@ class Installation:
     def script(self, plan_path, text):
         self.put(plan_path, "#!/bin/sh\n" + text, 0o755)
 
+    def until_exists(self, path):
+        """For scripts: waits for a file, but no longer than the installation is there, since nobody
+        ends what a daemon has started when that is killed."""
+        return "while [ -e '%s' ] && [ ! -e '%s' ]; do sleep 0.05; done\n" % (self.tree, path)
+
     def stand_in(self, plan_path, program="print_arguments"):
         target = self.in_tree(plan_path)
         os.makedirs(os.path.dirname(target), 0o755, exist_ok=True)
@@ -215,6 +220,18 @@ class Daemon:
                     "--reply-timeout=%d" % (LIMIT * 1000), OBJECT, "%s.%s" % (SERVER, method)]
                    + list(arguments))
 
+    def save_by_name(self, destination, archive=True):
+        """Asks for a save behind the client's back, which would look at the destination first. Once
+        it is taken, whatever else needs the session waits for its end."""
+        def taken():
+            answer = self.gdbus("--method", SERVER + ".saveQuillsiftToDestination", destination,
+                                "true" if archive else "false", "true")
+            if answer.returncode != 0:
+                raise AssertionError(answer.stderr)
+            return answer.stdout.strip() == "(true,)"
+        # A session shows its end a moment before it can be saved.
+        wait_until(taken, "the save is taken")
+
     # --- Our client ---
 
     def client(self, *arguments, **options):
@@ -278,6 +295,7 @@ class DaemonTest(unittest.TestCase):
         return os.path.join(self.directory, name)
 
     def collect(self, name="saved.tgz", *arguments, expect=0):
+        """Ends once it is saved; the session is cleared a moment later."""
         path = self.output(name)
         result = self.daemon.client("collect", path, *arguments)
         self.assertEqual(result.returncode, expect, result.stdout + result.stderr)

@@ -3,10 +3,13 @@
 import os
 import signal
 import subprocess
-import time
 import unittest
 
-from harness import DaemonTest, Daemon, SERVER, members, root_only, run, wait_until
+from harness import DaemonTest, Daemon, LIMIT, members, root_only, run, wait_until
+from volumes import enter_namespace
+
+# So that no mount outlives the test; what needs none runs without, too.
+enter_namespace()
 
 
 class ChildrenTest(DaemonTest):
@@ -16,7 +19,11 @@ class ChildrenTest(DaemonTest):
         os.unlink(self.installation.in_tree("/usr/sbin/modtally"))
         self.installation.absent("/usr/sbin/modtally")
         self.installation.script("/bin/svcherd", "cat /dev/zero | head -c 50000000\n")
-        self.installation.script("/usr/bin/guardctl", "(sleep 1; echo late) & echo early\n")
+        # The one in the background goes on once the other has ended, and with it its end of the pipe.
+        pipe = self.installation.path("pipe")
+        os.mkfifo(pipe)
+        self.installation.script("/usr/bin/guardctl", "(read line <'%s'; echo late) &\n"
+                                 "exec 9>'%s'\necho early\n" % (pipe, pipe))
         archive = self.collect(expect=0)
         saved = {name: data for name, data, info in members(archive)}
         self.assertEqual(saved["relquery.txt"], b"half\n")
@@ -57,20 +64,18 @@ class DestinationTest(DaemonTest):
     def test_a_directory_in_the_way_fails_and_leaves_nothing(self):
         taken = self.output("taken.tgz")
         os.makedirs(taken + "/inside")
-        result = self.daemon.gdbus("--method", SERVER + ".startQuillsift")
+        self.daemon.client("start")
         self.daemon.client("watch")
-        # Asked for by name, behind the client's back: the client would save inside the directory.
-        self.daemon.gdbus("--method", SERVER + ".saveQuillsiftToDestination", taken, "true", "true")
-        wait_until(lambda: not os.path.exists(taken + ".inprogress"), "the save has failed")
-        self.assert_session_kept()
+        # The client would save inside the directory.
+        self.daemon.save_by_name(taken)
+        self.assert_session_kept()  # after the failure
         self.assertTrue(os.path.isdir(taken + "/inside"))
         self.assertFalse(os.path.exists(taken + ".inprogress"))
 
     def test_a_relative_destination_fails(self):
         self.daemon.client("start")
         self.daemon.client("watch")
-        self.daemon.gdbus("--method", SERVER + ".saveQuillsiftToDestination", "relative.tgz", "true",
-                          "true")
+        self.daemon.save_by_name("relative.tgz")
         self.assert_session_kept()
         self.assertFalse(os.path.exists("/relative.tgz"))
         self.assertFalse(os.path.exists("/relative.tgz.inprogress"))
@@ -82,7 +87,7 @@ class DestinationTest(DaemonTest):
         mounted = run(["mount", "-t", "tmpfs", "-o", "size=64k", "none", small])
         if mounted.returncode != 0:
             self.skipTest("cannot mount: " + mounted.stderr)
-        self.addCleanup(run, ["umount", small])
+        self.addCleanup(run, ["umount", "--lazy", small])
         self.installation.script("/bin/df", "head -c 3000000 /dev/urandom\n")
         self.save(small + "/x.tgz")
         self.assertEqual(os.listdir(small), [])
@@ -93,8 +98,9 @@ class DestinationTest(DaemonTest):
         self.daemon.client("start")
         self.daemon.client("watch")
         archive = self.output("x.tgz")
-        self.daemon.gdbus("--method", SERVER + ".saveQuillsiftToDestination", archive, "true", "true")
-        wait_until(lambda: os.path.exists(archive + ".inprogress"), "the save has begun")
+        self.daemon.save_by_name(archive)
+        wait_until(lambda: os.path.exists(archive + ".inprogress") or os.path.exists(archive),
+                   "the save has begun")
         self.daemon.process.kill()
         self.daemon.process.wait()
         if os.path.exists(archive):
@@ -131,6 +137,7 @@ class FewDescriptorsTest(DaemonTest):
         result, lines = self.daemon.json("collect", self.output("a.tgz"))
         self.assertEqual(result.returncode, 0, result.stdout[-2000:] + result.stderr)
         self.assertTrue(members(self.output("a.tgz")))
+        self.daemon.client("clear")  # waits for the end of the save
         again = self.daemon.client("collect", self.output("b.tgz"))
         self.assertEqual(again.returncode, 0, again.stderr)
 
@@ -145,14 +152,14 @@ class ClientTest(DaemonTest):
         self.assertEqual(self.daemon.client("no-such-command").returncode, 2)
 
     def test_interrupt_leaves_the_session_running(self):
-        self.installation.script("/usr/sbin/lsof", "while [ ! -e %s ]; do sleep 0.05; done\necho done\n"
-                                 % self.output("go-on"))
+        self.installation.script("/usr/sbin/lsof", self.installation.until_exists(self.output("go-on"))
+                                 + "echo done\n")
         client = subprocess.Popen(
             [self.installation.path("bin/quillsift"), "--socket", self.daemon.socket_path, "collect",
              self.output("a.tgz")], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         client.stdout.readline()  # it watches
         client.send_signal(signal.SIGINT)
-        text, _ = client.communicate(timeout=60)
+        text, _ = client.communicate(timeout=LIMIT)
         self.assertRegex(text, r"the session stays in the daemon.* collect")
         self.assertIn(client.returncode, (1, 130))
         with open(self.output("go-on"), "w"):
@@ -162,13 +169,14 @@ class ClientTest(DaemonTest):
         self.assertEqual(saved["lsof.txt"], b"done\n")
 
     def test_a_daemon_that_dies_is_told(self):
-        self.installation.script("/usr/sbin/lsof", "exec sleep 600\n")
+        self.installation.script("/usr/sbin/lsof",
+                                 self.installation.until_exists(self.output("never")))
         client = subprocess.Popen(
             [self.installation.path("bin/quillsift"), "--socket", self.daemon.socket_path, "collect",
              self.output("a.tgz")], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         client.stdout.readline()
         self.daemon.process.kill()
-        text, _ = client.communicate(timeout=60)
+        text, _ = client.communicate(timeout=LIMIT)
         self.assertEqual(client.returncode, 3, text)
         self.daemon.process.wait()
         os.unlink(self.daemon.socket_path)
