@@ -9,7 +9,6 @@ import signal
 import struct
 import subprocess
 import termios
-import time
 import unittest
 
 from harness import DaemonTest, LIMIT, members, wait_until
@@ -56,37 +55,47 @@ class Screen:
 class TerminalTest(DaemonTest):
     def on_terminal(self, *arguments, columns=80, until=None, then=None):
         """Runs the client on a terminal; `then` is done once `until` has been printed."""
-        process, terminal = pty.fork()
-        if process == 0:
-            os.environ.update(TERM="linux", LC_ALL="C.UTF-8")
-            program = self.installation.path("bin/quillsift")
-            os.execv(program, [program, "--socket", self.daemon.socket_path] + list(arguments))
-        fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+        terminal, inside = pty.openpty()
+        fcntl.ioctl(inside, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
         before = termios.tcgetattr(terminal)
+        process = subprocess.Popen(
+            [self.installation.path("bin/quillsift"), "--socket", self.daemon.socket_path]
+            + list(arguments), stdin=inside, stdout=inside, stderr=inside,
+            env=dict(os.environ, TERM="linux", LC_ALL="C.UTF-8"), start_new_session=True,
+            # The terminal of its session, which its keys interrupt.
+            preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+        self.addCleanup(process.wait)
+        self.addCleanup(process.kill)
+        os.close(inside)
         raw = b""
-        deadline = time.monotonic() + LIMIT
-        while time.monotonic() < deadline:
-            if not select.select([terminal], [], [], 1)[0]:
-                continue
-            try:
-                raw += os.read(terminal, 65536)
-            except OSError:
-                break  # the other end has been closed
+        for part in self.shown(terminal):
+            raw += part
             if until is not None and until in raw:
                 self.assertEqual(termios.tcgetattr(terminal), before)
                 until = None
-                then(process, terminal)
+                then(terminal)
         os.close(terminal)
-        status = os.waitstatus_to_exitcode(os.waitpid(process, 0)[1])
+        status = process.wait(LIMIT)
         screen = Screen(columns)
         screen.feed(raw.decode())
         return status, raw.decode(), screen
 
+    @staticmethod
+    def shown(terminal):
+        """What is written at the other end, part by part, until that is closed."""
+        while True:
+            if not select.select([terminal], [], [], LIMIT)[0]:
+                raise AssertionError("nothing more came to the terminal, and nobody left it")
+            try:
+                yield os.read(terminal, 65536)
+            except OSError:
+                return
+
     def test_the_view_is_redrawn_in_place_and_leaves_a_summary(self):
         self.installation.script("/usr/sbin/lsof",
-                                 "while [ ! -e %s ]; do sleep 0.05; done\n" % self.output("go-on"))
+                                 self.installation.until_exists(self.output("go-on")))
 
-        def go_on(process, terminal):
+        def go_on(terminal):
             with open(self.output("go-on"), "w"):
                 pass
 
@@ -111,10 +120,10 @@ class TerminalTest(DaemonTest):
 
     def test_control_c_leaves_the_session_and_a_clean_terminal(self):
         self.installation.script("/usr/sbin/lsof",
-                                 "while [ ! -e %s ]; do sleep 0.05; done\n" % self.output("go-on"))
+                                 self.installation.until_exists(self.output("go-on")))
         status, raw, screen = self.on_terminal(
             "collect", self.output("a.tgz"), until=b"lsof.txt",
-            then=lambda process, terminal: os.write(terminal, b"\x03"))
+            then=lambda terminal: os.write(terminal, b"\x03"))
         self.assertEqual(status, 1, screen.text())
         self.assertIn("quillsift: interrupted; the session stays in the daemon", screen.text())
         self.assertNotIn("Collecting: ", screen.text())
@@ -130,8 +139,8 @@ class TerminalTest(DaemonTest):
             [self.installation.path("bin/quillsift"), "--socket", self.daemon.socket_path, "status"],
             stdout=terminal, env=environment)
         os.close(terminal)
+        self.assertEqual(b"".join(self.shown(main)), b"No session: nothing is collected.\r\n")
         self.assertEqual(process.wait(LIMIT), 0)
-        self.assertEqual(os.read(main, 4096), b"No session: nothing is collected.\r\n")
 
 
 class NamesTest(DaemonTest):
@@ -147,6 +156,7 @@ class NamesTest(DaemonTest):
     def test_a_limited_archive_says_so_and_leaves_out_what_is_sensitive(self):
         result = self.daemon.client("collect", "--without-sensitive", self.directory)
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        self.daemon.client("clear")  # waits for the end of the save
         name, = os.listdir(self.directory)
         self.assertTrue(name.endswith("_Lumina14-2_25A123_limited.tgz"), name)
         full = members(self.collect("full.tgz"))
@@ -169,20 +179,29 @@ class BrokenOffTest(DaemonTest):
         self.daemon.client("watch")
         archive = self.output("a.tgz")
         client = self.popen("save", archive, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        wait_until(lambda: os.path.exists(archive + ".inprogress"), "the save has begun")
+        wait_until(lambda: os.path.exists(archive + ".inprogress") or os.path.exists(archive),
+                   "the save has begun")
+        # It stands still until the client has been interrupted.
+        self.daemon.process.send_signal(signal.SIGSTOP)
+        self.addCleanup(self.daemon.process.send_signal, signal.SIGCONT)
+        os.waitid(os.P_PID, self.daemon.process.pid, os.WSTOPPED)
+        if os.path.exists(archive):
+            self.daemon.process.send_signal(signal.SIGCONT)
+            client.communicate(timeout=LIMIT)
+            self.skipTest("the save was faster than the interrupt")
         client.send_signal(signal.SIGINT)
         output, error = client.communicate(timeout=LIMIT)
-        if client.returncode == 0:
-            self.skipTest("the save was faster than the interrupt")
+        self.daemon.process.send_signal(signal.SIGCONT)
         self.assertEqual(client.returncode, 1)
         self.assertIn("the daemon goes on saving to " + archive, error)
         wait_until(lambda: os.path.exists(archive), "the save has ended")
         self.assertIn("df_disks.txt", [name for name, data, info in members(archive)])
 
     def test_a_closed_output_is_told_and_the_session_goes_on(self):
-        client = self.popen("collect", self.output("a.tgz"), stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE)
-        client.stdout.close()
+        reader, writer = os.pipe()
+        os.close(reader)
+        client = self.popen("collect", self.output("a.tgz"), stdout=writer, stderr=subprocess.PIPE)
+        os.close(writer)
         error = client.stderr.read()
         self.assertEqual(client.wait(LIMIT), 1)
         client.stderr.close()
