@@ -1,4 +1,4 @@
-"""What there is only one of on a machine, for tests that run side by side, those of other builds too."""
+"""What a machine has only one of, for tests that run side by side, those of other builds too."""
 
 import contextlib
 import fcntl

@@ -8,7 +8,9 @@ import subprocess
 import unittest
 import uuid
 
-from harness import KERNEL_PORT, NETLINK_KOBJECT_UEVENT, Daemon, DaemonTest, root_only, wait_until
+from exclusive import KERNEL_EVENTS, held
+from harness import (KERNEL_PORT, LIMIT, NETLINK_KOBJECT_UEVENT, Daemon, DaemonTest, root_only,
+                     wait_until)
 
 FRONT_END = "/System/Installation/CDIS/Quillsift GUI.app/Contents/LuminaOS/Quillsift GUI"
 TERMINAL = "/dev/tty0"
@@ -64,7 +66,7 @@ class KernelPortTest(DaemonTest):
     def connect(self):
         port = socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET)
         self.addCleanup(port.close)
-        port.settimeout(60)
+        port.settimeout(LIMIT)
         port.connect(self.installation.path(KERNEL_PORT))
         return port
 
@@ -94,6 +96,10 @@ class KernelPortTest(DaemonTest):
 
 @root_only
 class KernelEvent(KernelPortTest):
+    def setUp(self):
+        self.enterContext(held(KERNEL_EVENTS))
+        super().setUp()
+
     def test_an_event_of_the_kernel_starts_a_session(self):
         self.wait_until_open()
         kernel_event(55)
@@ -127,7 +133,7 @@ class KernelEvent(KernelPortTest):
         witness = socket.socket(socket.AF_NETLINK, socket.SOCK_RAW, NETLINK_KOBJECT_UEVENT)
         self.addCleanup(witness.close)
         witness.bind((0, 1))
-        witness.settimeout(60)
+        witness.settimeout(LIMIT)
         forger.sendto(text, (0, 1))
         while witness.recv(8192) != text:
             pass  # it went out

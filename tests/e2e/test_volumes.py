@@ -13,6 +13,7 @@ import tarfile
 import time
 import unittest
 
+from exclusive import KERNEL_EVENTS, held
 from harness import DaemonTest, LIMIT, PREFIX, members, run, wait_until
 from volumes import (Loop, NoLoopDevices, NoSuchType, SystemLog, enter_namespace, make_image,
                      make_node, make_typed_image, mount_lines, mount_points)
@@ -384,11 +385,14 @@ class WithUdevTest(VolumesTest):
         shutil.copy(os.path.join(PREFIX, "lib/udev/rules.d", name), rules)
         self.addCleanup(shutil.rmtree, "/run/udev", True)
         os.environ["SYSTEMD_IGNORE_CHROOT"] = "1"
+        # It hears what all of the machine tell, and handles that first.
+        self.enterContext(held(KERNEL_EVENTS, shared=True))
         udevd = subprocess.Popen([program, "--children-max=2"], stdin=subprocess.DEVNULL,
                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(udevd.wait, LIMIT)
         self.addCleanup(udevd.terminate)
-        wait_until(lambda: os.path.exists("/run/udev/control"), "udevd listens")
+        # Its socket is there before it hears the kernel; it answers after.
+        wait_until(lambda: run(["udevadm", "control", "--ping"]).returncode == 0, "udevd listens")
         record = self.property("QS_VOLUME_ROLE")
         self.assertEqual(record, None)  # it has not seen the device yet
         triggered = run(["udevadm", "trigger", "--action=add", "--settle",
@@ -467,7 +471,10 @@ class AutosaveTest(AutosaveVolumeTest):
         self.session()
         [first] = self.archives()
         wait_until(lambda: time.time() > os.stat(first).st_mtime + 1, "the clock names another second")
-        self.session()
+        # A session shows its end a moment before the next can start.
+        wait_until(lambda: self.daemon.client("start").returncode == 0, "the session starts")
+        watched = self.daemon.client("watch")
+        self.assertEqual(watched.returncode, 0, watched.stdout + watched.stderr)
         self.assertEqual(len(self.archives()), 2)
         self.assertIn(first, self.archives())
 
