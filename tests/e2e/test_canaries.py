@@ -6,13 +6,15 @@ import re
 import shutil
 import subprocess
 import unittest
+import uuid
 
 from harness import PLAN_PROGRAMS, Daemon, DaemonTest, members, run
 from volumes import Loop, NoLoopDevices, enter_namespace
 
 WHY_NOT = enter_namespace()
 
-CANARY = "C4N4RY"
+# Of this run alone: the process lists show those of another one's commands.
+CANARY, ARGUMENT = ("%s-%s" % (word, uuid.uuid4().hex) for word in ("C4N4RY", "4RGUM3NT"))
 STABLE_SECRET = "c4a4:c4a4:c4a4:c4a4:c4a4:c4a4:c4a4:c4a4"
 FAST_OPEN_KEY = "c4a4c4a4-c4a4c4a4-c4a4c4a4-c4a4c4a4"
 VENDOR = "c6050c43-8a6b-4b9d-947f-a689c9d7a9cd"
@@ -96,7 +98,7 @@ class CanaryTest(DaemonTest):
 
     def plant_process(self):
         """Its arguments are in the process lists, by design; its environment is nowhere."""
-        process = subprocess.Popen(["sh", "-c", "read x", "sh", "--password", "4RGUM3NT"],
+        process = subprocess.Popen(["sh", "-c", "read x", "sh", "--password", ARGUMENT],
                                    stdin=subprocess.PIPE, env=dict(os.environ, PASSWORD=CANARY))
         self.addCleanup(process.wait)
         self.addCleanup(process.stdin.close)
@@ -126,8 +128,8 @@ class CanaryTest(DaemonTest):
             self.assertIn(b"Name=fact", archive["regtally.gwstoredump"])
         if self.volume:
             self.assertIn(self.volume.encode(), archive["vaultkit_list.log"])
-        self.assertIn(b"4RGUM3NT", archive["ps.txt"])
-        self.assertNotIn(b"4RGUM3NT", archive["svcherd_dumpstate.txt"])
+        self.assertIn(ARGUMENT.encode(), archive["ps.txt"])
+        self.assertNotIn(ARGUMENT.encode(), archive["svcherd_dumpstate.txt"])
         self.assertNotIn("nvram_raw.txt", archive)
         self.assertNotIn("stashlogd/record", archive)
 

@@ -215,10 +215,14 @@ class CompanionTest(DaemonTest):
                            "terminated with an Weft error: ")
 
     def test_death_while_it_is_met(self):
+        refused = "cannot get service for device (corvane0)."
         for state in ("accepted", "shaking hands", "asked"):
             with self.subTest(state):
+                before = len(self.log.matching(refused))
                 self.meet(lambda peer: None, dies=state)
-                self.assert_absent("cannot get service for device (corvane0).", asked=False)
+                self.assert_absent(asked=False)
+                self.log.wait_for(refused, before + 1)
+                self.daemon.client("clear")  # waits for the end of the save
                 self.companion.stop()
                 os.unlink(os.path.join(self.installation.in_tree(DIRECTORY), "corvane0"))
 
