@@ -72,7 +72,12 @@ class ScratchSystem:
                         self.root], check=True)
         self.leave_only_what_is_needed()
         self.group = tempfile.mkdtemp(prefix="quillsift-", dir=group_hierarchy())
-        self.start()
+        self.process = None
+        try:
+            self.start()
+        except BaseException:
+            self.stop()
+            raise
 
     def leave_only_what_is_needed(self):
         """Of this system's own services only the journal starts."""
@@ -143,9 +148,9 @@ class ScratchSystem:
         return found
 
     def stop(self):
-        if self.process.poll() is None:
+        if self.process is not None:
             self.process.kill()  # takes all of its processes along
-        self.process.wait()
+            self.process.wait()
         subprocess.run(["umount", "-l", self.root], check=False)
         subprocess.run(["umount", "-l", self.base], check=False)
         os.rmdir(self.base)
