@@ -104,8 +104,8 @@ def plan(prefix):
 def session(prefix, directory):
     endpoint, archive = directory + "/socket", directory + "/saved.tgz"
     source = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-    result = measured([sys.executable, source + "/scripts/with-socket.py", endpoint,
-                       "io.vantor.quillsiftd", prefix + "/libexec/quillsiftd"],
+    result = measured([sys.executable, source + "/scripts/with-socket.py", directory,
+                       prefix + "/libexec/quillsiftd"],
                       endpoint, [prefix + "/bin/quillsift", "--socket", endpoint, "collect", archive])
     return result, archive
 
