@@ -234,6 +234,7 @@ class JsonTest(DaemonTest):
         self.assertEqual(problem["state"], "nonZeroExit")
         self.assertIn("Exited with Code:3", problem["reason"])
         self.assertEqual(lines[-1]["path"], archive)
+        self.daemon.client("clear")  # waits for the end of the save
         result, lines = self.daemon.json("save", archive)
         self.assertEqual((result.returncode, lines[-1]["event"], lines[-1]["exitCode"]),
                          (1, "error", 1))

@@ -115,8 +115,9 @@ class VolumesTest(DaemonTest):
 
 class CollectTest(VolumesTest):
     def add_volumes(self):
-        # A start clears too: what it schedules is to find a session that still runs.
-        self.installation.script("/bin/df", "exec sleep %d\n" % (DELAY + 4))
+        # A start clears too: what it schedules is to find a session that still runs, even when it
+        # comes late. Nothing tells that it has come.
+        self.installation.script("/bin/df", "exec sleep %d\n" % (DELAY + 10))
         self.loops = [self.add_volume("QS-PREBOOT", PREBOOT, PREBOOT_CONTENT),
                       self.add_volume("QS-UPDATE", UPDATE, UPDATE_CONTENT),
                       self.add_volume("QS-HARDWARE", HARDWARE, HARDWARE_CONTENT),
