@@ -68,7 +68,12 @@ class SystemLog:
 
     def read(self):
         while True:
-            line = self.socket.recv(65536).decode(errors="replace")
+            try:
+                line = self.socket.recv(65536).decode(errors="replace")
+            except OSError:
+                if self.socket.fileno() == -1:
+                    return  # closed at the end of the test
+                raise
             with self.changed:
                 self.received.append(line)
                 self.changed.notify_all()
