@@ -21,11 +21,13 @@
 
 #include "bench/DaemonUnderTest.h"
 #include "daemon/protocol/QSServiceProtocols.h"
+#include "platform/linux/SchedulingClass.h"
 
 namespace quillsift {
 namespace {
 
 constexpr std::size_t kClients = 100;
+constexpr int kSessions = 40;
 constexpr int kReports = 500;  // each job is pushed twice
 
 void fillTree(DaemonUnderTest& daemon, int reports) {
@@ -96,6 +98,10 @@ struct Percentiles {
   std::size_t count;
 };
 
+// Whether the client that asks waits for a processor like everybody else. One that does not shows
+// what is the daemon's part of an answer's time.
+enum class Asking { ordinary, prompt };
+
 // Times queries for as long as `go` is true, one every millisecond at most.
 Percentiles timeQueries(const DaemonUnderTest& daemon, const std::function<bool()>& go) {
   const auto service = daemon.connect();
@@ -116,7 +122,8 @@ void print(const char* what, const Percentiles& times) {
 }
 
 // Queries while `sessions` sessions run one after another.
-Percentiles duringSessions(const DaemonUnderTest& daemon, int sessions) {
+Percentiles duringSessions(const DaemonUnderTest& daemon, int sessions,
+                           Asking asking = Asking::ordinary) {
   std::atomic<bool> running = true;
   std::thread control([&] {
     const auto service = daemon.connect();
@@ -126,8 +133,13 @@ Percentiles duringSessions(const DaemonUnderTest& daemon, int sessions) {
     }
     running = false;
   });
-  const Percentiles times = timeQueries(daemon, [&] { return running.load(); });
+  Percentiles times{};
+  std::thread client([&] {
+    if (asking == Asking::prompt) setPromptScheduling();
+    times = timeQueries(daemon, [&] { return running.load(); });
+  });
   control.join();
+  client.join();
   return times;
 }
 
@@ -159,10 +171,11 @@ void queriesUnderLoad(const std::string& prefix) {
   int left = 500;
   std::printf("a query's answer (target p99 5 ms)\n");
   print("in a quiet daemon", timeQueries(daemon, [&] { return left-- > 0; }));
-  const Percentiles alone = duringSessions(daemon, 20);
+  const Percentiles alone = duringSessions(daemon, kSessions);
   print("while jobs run", alone);
+  print("the same, the client never waiting", duringSessions(daemon, kSessions, Asking::prompt));
   const int deaf = connectDeafPeer(daemon);
-  const Percentiles beside = duringSessions(daemon, 20);
+  const Percentiles beside = duringSessions(daemon, kSessions);
   print("the same beside a client that never reads", beside);
   ::close(deaf);
   std::printf("  p99 beside a client that never reads: ratio %.2f (target below 2)\n",

@@ -80,7 +80,7 @@ void QSServiceDaemon::runJobBody(const std::shared_ptr<QSJob>& job, const std::s
   {
     VariablesLockHolder lock(quillsiftVariablesLock_);
     if (isCurrentSession(uuid)) {
-      jobs_.push_back(job);
+      jobs_.append(job);
       pushJob(job);  // queued under the lock, so it stands in front of any later "cleared"
     }
   }

@@ -125,33 +125,34 @@ void QSServiceClient::installHandlers() {
 }
 
 void QSServiceClient::handleRequest(ServiceRequest request) {
+  WorkQueues& queues = *Platform::current().workQueues;
+  WorkQueue& queue = queues.global(currentQOS());
   const std::string& method = request.method;
   if (method == wire::kQueryJobStatusInformation) {
-    perform(std::move(request), queryJobStatusInformation);
+    perform(std::move(request), queryJobStatusInformation, queues.prompt());
   } else if (method == wire::kStartQuillsift) {
-    perform(std::move(request), startQuillsift);
+    perform(std::move(request), startQuillsift, queue);
   } else if (method == wire::kClearQuillsiftData) {
-    perform(std::move(request), clearQuillsiftData);
+    perform(std::move(request), clearQuillsiftData, queue);
   } else if (method == wire::kSaveQuillsift) {
-    perform(std::move(request), saveQuillsift);
+    perform(std::move(request), saveQuillsift, queue);
   }
 }
 
 void QSServiceClient::perform(ServiceRequest request,
-                              void (*method)(QSServiceDaemon&, const ServiceRequest&)) {
+                              void (*method)(QSServiceDaemon&, const ServiceRequest&),
+                              WorkQueue& queue) {
   // Never on clientQueue: a start or a clear broadcasts synchronously on the queue that it targets.
-  Platform::current()
-      .workQueues->global(currentQOS())
-      .async([daemon = serviceDaemon_, request = std::move(request), method] {
-        const auto strong = daemon.lock();
-        if (!strong) return;
-        try {
-          method(*strong, request);
-        } catch (const std::bad_alloc&) {
-          // The peer hears that its request failed; what has been collected must outlive it.
-          writeToSystemLog(kLogError, "Out of memory: a client's request was dropped.");
-        }
-      });
+  queue.async([daemon = serviceDaemon_, request = std::move(request), method] {
+    const auto strong = daemon.lock();
+    if (!strong) return;
+    try {
+      method(*strong, request);
+    } catch (const std::bad_alloc&) {
+      // The peer hears that its request failed; what has been collected must outlive it.
+      writeToSystemLog(kLogError, "Out of memory: a client's request was dropped.");
+    }
+  });
 }
 
 void QSServiceClient::notify(const char* notification, std::vector<WireValue> arguments) {

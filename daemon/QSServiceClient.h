@@ -61,7 +61,8 @@ class QSServiceClient : public ServiceRequestHandler,
   void installHandlers();
   // Carries a request out on the worker queue of the calling thread's class.
   void perform(ServiceRequest request,
-               void (*method)(QSServiceDaemon& daemon, const ServiceRequest& request));
+               void (*method)(QSServiceDaemon& daemon, const ServiceRequest& request),
+               WorkQueue& queue);
   void notify(const char* notification, std::vector<WireValue> arguments);
   void logConnectionEvent(const char* event) const;
 

@@ -62,23 +62,21 @@ void QSServiceDaemon::broadcastAndWait(const ClientMessage& message) {
 }
 
 std::vector<QSJobInfo> QSServiceDaemon::getCurrentJobInfosWithDate(std::optional<QSDate>* date) {
+  const JobTable::Jobs jobs = jobs_.jobs(date);
   std::vector<QSJobInfo> infos;
-  VariablesLockHolder lock(quillsiftVariablesLock_);
-  infos.reserve(jobs_.size());
-  for (const auto& job : jobs_)
+  infos.reserve(jobs.size());
+  for (const auto& job : jobs)
     infos.emplace_back(*job);
-  if (date != nullptr) *date = lastDiagnoseFinishedDate_;
   return infos;
 }
 
 std::optional<QSDate> QSServiceDaemon::lastDiagnoseFinishedDate() {
-  VariablesLockHolder lock(quillsiftVariablesLock_);
-  return lastDiagnoseFinishedDate_;
+  return jobs_.dateFinished();
 }
 
 void QSServiceDaemon::setLastDiagnoseFinishedDate(std::optional<QSDate> date) {
   VariablesLockHolder lock(quillsiftVariablesLock_);
-  lastDiagnoseFinishedDate_ = date;
+  jobs_.setDateFinished(date);
 }
 
 std::set<std::string> QSServiceDaemon::mountPointsMountedByQuillsift() {

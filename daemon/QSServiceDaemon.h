@@ -10,6 +10,7 @@
 #include "collect/CollectionHost.h"
 #include "collect/CollectionRunner.h"
 #include "daemon/ClientList.h"
+#include "daemon/JobTable.h"
 #include "daemon/SaveLock.h"
 #include "daemon/VariablesLock.h"
 #include "daemon/protocol/QSJobInfo.h"
@@ -149,10 +150,9 @@ class QSServiceDaemon : public CollectionHost,
 
   VariablesLock quillsiftVariablesLock_;
   bool quillsiftRunning_ QS_GUARDED_BY(quillsiftVariablesLock_) = false;
-  std::vector<std::shared_ptr<QSJob>> jobs_ QS_GUARDED_BY(quillsiftVariablesLock_);
   std::optional<QSUUID> sessionUUID_ QS_GUARDED_BY(quillsiftVariablesLock_);
   std::set<std::string> mountPointsMountedByQuillsift_ QS_GUARDED_BY(quillsiftVariablesLock_);
-  std::optional<QSDate> lastDiagnoseFinishedDate_ QS_GUARDED_BY(quillsiftVariablesLock_);
+  JobTable jobs_;  // changed only under the lock, read without
 };
 
 }  // namespace quillsift

@@ -59,7 +59,7 @@ class QSServiceDaemon::SaveOperation : public SaveHost {
   // Held here, or by the caller of the whole save.
   std::vector<std::shared_ptr<QSJob>> copyWithLockHeld() QS_NO_ANALYSIS {
     savedSession_ = daemon_.sessionUUID_;
-    return daemon_.jobs_;
+    return daemon_.jobs_.jobs();
   }
 
   QSServiceDaemon& daemon_;

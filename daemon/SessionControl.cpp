@@ -74,7 +74,7 @@ void QSServiceDaemon::runSession(const QSUUID& sessionUUID) {
   quillsiftRunning_ = false;
   if (complete) return;
   // What there is can still be saved.
-  for (const auto& job : jobs_)
+  for (const auto& job : jobs_.jobs())
     job->stop();
 }
 
@@ -88,11 +88,13 @@ void QSServiceDaemon::announceSessionStarted() {
 
 void QSServiceDaemon::endSession(const std::function<void()>& afterStop) {
   VariablesLockHolder lock(quillsiftVariablesLock_);
-  for (const auto& job : jobs_)
+  for (const auto& job : jobs_.jobs())
     job->stop();
   afterStop();
-  if (!jobs_.empty()) lastDiagnoseFinishedDate_ = currentDate();
+  const QSDate finished = currentDate();
   _autoSaveQuillsiftIfApplicable(lock);
+  // Last: who hears the date may turn the machine off.
+  if (!jobs_.empty()) jobs_.setDateFinished(finished);
 }
 
 void QSServiceDaemon::clearRecoveryData() {
@@ -111,9 +113,8 @@ void QSServiceDaemon::__clearRecoveryData() {
 
   const bool hadSession = sessionUUID_.has_value();
   quillsiftRunning_ = false;
-  auto forgotten = std::exchange(jobs_, {});
+  auto forgotten = jobs_.take();
   sessionUUID_.reset();
-  lastDiagnoseFinishedDate_.reset();
 
   if (hadSession) {
     // Under the lock and waited for: no push of the old session can follow this message, and every

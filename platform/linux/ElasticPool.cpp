@@ -26,10 +26,11 @@ constexpr std::chrono::milliseconds kStartRetryDelay(10);
 class ElasticPool::State : public std::enable_shared_from_this<State> {
  public:
   State(std::string threadName, QOSClass qos, Limits limits, std::weak_ptr<TimerThread> starter,
-        std::shared_ptr<WorkGroup> unfinished)
+        std::shared_ptr<WorkGroup> unfinished, Scheduling scheduling)
       : threadName_(std::move(threadName)),
         qos_(qos),
         limits_(limits),
+        scheduling_(scheduling),
         starter_(std::move(starter)),
         unfinished_(std::move(unfinished)) {}
 
@@ -118,7 +119,11 @@ class ElasticPool::State : public std::enable_shared_from_this<State> {
   }
 
   void work() noexcept {
-    setThreadSchedulingClass(qos_);
+    if (scheduling_ == Scheduling::prompt) {
+      setPromptScheduling();
+    } else {
+      setThreadSchedulingClass(qos_);
+    }
     const ScopedQOS qos(qos_);
     Worker& self = takePlace();
     while (takeTask(self)) {
@@ -183,6 +188,7 @@ class ElasticPool::State : public std::enable_shared_from_this<State> {
   const std::string threadName_;
   const QOSClass qos_;
   const Limits limits_;
+  const Scheduling scheduling_;
   const std::weak_ptr<TimerThread> starter_;
   const std::shared_ptr<WorkGroup> unfinished_;
 
@@ -202,10 +208,10 @@ class ElasticPool::State : public std::enable_shared_from_this<State> {
 
 ElasticPool::ElasticPool(std::string threadName, QOSClass qos, Limits limits,
                          std::shared_ptr<TimerThread> starter,
-                         std::shared_ptr<WorkGroup> unfinished)
+                         std::shared_ptr<WorkGroup> unfinished, Scheduling scheduling)
     : starter_(std::move(starter)),
       state_(std::make_shared<State>(std::move(threadName), qos, limits, starter_,
-                                     std::move(unfinished))) {}
+                                     std::move(unfinished), scheduling)) {}
 
 ElasticPool::~ElasticPool() {
   state_->close();

@@ -21,12 +21,14 @@ class ElasticPool {
     std::size_t threads;
     std::chrono::nanoseconds idleTime;
   };
+  enum class Scheduling { ofClass, prompt };
 
   // New threads are started by `starter`, so that they never inherit the niceness of a thread that
   // happens to submit, and so that a refusal (too many threads on this host) can be tried again.
   // Every task is a member of `unfinished` from its submission until it is gone.
   ElasticPool(std::string threadName, QOSClass qos, Limits limits,
-              std::shared_ptr<TimerThread> starter, std::shared_ptr<WorkGroup> unfinished);
+              std::shared_ptr<TimerThread> starter, std::shared_ptr<WorkGroup> unfinished,
+              Scheduling scheduling = Scheduling::ofClass);
   ~ElasticPool();
   ElasticPool(const ElasticPool&) = delete;
   ElasticPool& operator=(const ElasticPool&) = delete;

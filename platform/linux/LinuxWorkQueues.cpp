@@ -29,6 +29,25 @@ class LinuxWorkQueues::ConcurrentQueue : public WorkQueue {
   const std::unique_ptr<ElasticPool> pool_;
 };
 
+// Tasks keep the class of the thread that submits them; only the scheduling is another.
+class LinuxWorkQueues::PromptQueue : public WorkQueue {
+ public:
+  PromptQueue(std::chrono::nanoseconds idleTime, const std::shared_ptr<TimerThread>& starter,
+              const std::shared_ptr<WorkGroup>& unfinished)
+      : pool_("qs-prompt", QOSClass::standard, ElasticPool::Limits{kConcurrentTasks, idleTime},
+              starter, unfinished, ElasticPool::Scheduling::prompt) {}
+
+  void async(Task task) override {
+    pool_.submit([qos = currentQOS(), task = std::move(task)] {
+      const ScopedQOS scope(qos);
+      task();
+    });
+  }
+
+ private:
+  ElasticPool pool_;
+};
+
 struct LinuxWorkQueues::ClassQueues {
   ClassQueues(QOSClass qos, std::chrono::nanoseconds idleTime,
               const std::shared_ptr<TimerThread>& starter,
@@ -51,8 +70,8 @@ LinuxWorkQueues::LinuxWorkQueues(std::chrono::nanoseconds idleTime)
       classes_{
           std::make_unique<ClassQueues>(QOSClass::utility, idleTime, starter_, unfinished_),
           std::make_unique<ClassQueues>(QOSClass::standard, idleTime, starter_, unfinished_),
-          std::make_unique<ClassQueues>(QOSClass::userInitiated, idleTime, starter_, unfinished_)} {
-}
+          std::make_unique<ClassQueues>(QOSClass::userInitiated, idleTime, starter_, unfinished_)},
+      prompt_(std::make_unique<PromptQueue>(idleTime, starter_, unfinished_)) {}
 
 LinuxWorkQueues::~LinuxWorkQueues() {
   timers_->stop();
@@ -74,6 +93,10 @@ std::shared_ptr<SerialQueue> LinuxWorkQueues::makeSerialQueueOn(LinuxSerialQueue
 
 WorkQueue& LinuxWorkQueues::global(QOSClass qos) {
   return queuesOf(qos).concurrent;
+}
+
+WorkQueue& LinuxWorkQueues::prompt() {
+  return *prompt_;
 }
 
 std::shared_ptr<WorkGroup> LinuxWorkQueues::makeGroup() {

@@ -36,6 +36,7 @@ class LinuxWorkQueues : public WorkQueues {
   std::shared_ptr<SerialQueue> makeSerialQueueOn(LinuxSerialQueue::Executor executor,
                                                  std::string label, QOSClass qos);
   WorkQueue& global(QOSClass qos) override;
+  WorkQueue& prompt() override;
   std::shared_ptr<WorkGroup> makeGroup() override;
 
   // The threads of both pools of a class.
@@ -43,6 +44,7 @@ class LinuxWorkQueues : public WorkQueues {
 
  private:
   class ConcurrentQueue;
+  class PromptQueue;
   struct ClassQueues;
 
   ClassQueues& queuesOf(QOSClass qos) const;
@@ -51,6 +53,7 @@ class LinuxWorkQueues : public WorkQueues {
   const std::shared_ptr<TimerThread> starter_;
   const std::shared_ptr<TimerThread> timers_;
   const std::array<std::unique_ptr<ClassQueues>, 3> classes_;
+  const std::unique_ptr<PromptQueue> prompt_;
 };
 
 }  // namespace quillsift

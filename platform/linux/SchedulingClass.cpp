@@ -1,6 +1,7 @@
 #include "platform/linux/SchedulingClass.h"
 
 #include <linux/ioprio.h>
+#include <sched.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -40,6 +41,10 @@ void setThreadSchedulingClass(QOSClass qos) {
 }
 
 void setPromptScheduling() {
+  sched_param parameters{};
+  parameters.sched_priority = ::sched_get_priority_min(SCHED_RR);
+  // Nothing that this thread starts inherits it.
+  if (::sched_setscheduler(0, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) == 0) return;
   (void)::setpriority(PRIO_PROCESS, 0, niceOf(QOSClass::userInitiated) - kPromptNiceStep);
 }
 

@@ -14,8 +14,10 @@ namespace quillsift {
 // lowered thread can be raised again by a privileged process only.
 void setThreadSchedulingClass(QOSClass qos);
 
-// Raises the calling thread above the daemon's others and its children, where the host allows that.
-// For a thread whose work is short and waited for by a person, among dozens of busy children.
+// Puts the calling thread in front of the daemon's others and its children, for work that is short
+// and waited for by a person: the lowest real-time priority where the host allows it, for a fair
+// scheduler lets a running task finish its slice first, and dozens of busy children have many. Else
+// ten steps of niceness, or nothing. Threads and children that it starts are as others are.
 void setPromptScheduling();
 
 // Puts a child of ours into the class, unless it has inherited just that from the calling thread.

@@ -1,5 +1,6 @@
 #include <atomic>
 #include <cerrno>
+#include <optional>
 #include <set>
 #include <thread>
 
@@ -272,6 +273,24 @@ TEST_F(AutosaveTest, SavesForNobodyToSeeAndKeepsTheSession) {
     EXPECT_EQ(archives(), 1u);
     EXPECT_TRUE(reports(*connection).empty());
     EXPECT_FALSE(daemon_->getCurrentJobInfosWithDate(nullptr).empty());
+    end();
+  };
+  EXPECT_EXIT(sessionSavesItself(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(AutosaveTest, QuestionsAreAnsweredMeanwhileAndTheSessionIsNotYetFinished) {
+  const auto sessionSavesItself = [&] {
+    nameTheVolume();
+    std::optional<QSDate> date;
+    std::size_t jobs = 0;
+    platform_.outputFiles().onCall([&](const RecordingOutputFiles::Call&) {
+      jobs = daemon_->getCurrentJobInfosWithDate(&date).size();
+      EXPECT_FALSE(date);
+    });
+    runSession();
+    EXPECT_GT(jobs, 0u);
+    EXPECT_EQ(daemon_->getCurrentJobInfosWithDate(&date).size(), jobs);
+    EXPECT_TRUE(date);
     end();
   };
   EXPECT_EXIT(sessionSavesItself(), testing::ExitedWithCode(0), "");

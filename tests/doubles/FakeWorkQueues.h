@@ -37,6 +37,7 @@ class FakeWorkQueues : public WorkQueues {
   std::shared_ptr<SerialQueue> makeSerialQueue(
       std::string label, QOSClass qos, std::shared_ptr<SerialQueue> target = nullptr) override;
   WorkQueue& global(QOSClass qos) override;
+  WorkQueue& prompt() override { return global(currentQOS()); }
   std::shared_ptr<WorkGroup> makeGroup() override;
 
   // Time since this was made.

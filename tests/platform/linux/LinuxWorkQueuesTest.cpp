@@ -1,4 +1,6 @@
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <latch>
@@ -12,6 +14,19 @@ namespace quillsift {
 namespace {
 
 using namespace std::chrono_literals;
+
+// Whether the calling thread is in front of others that run as `ours`.
+bool comesFirst(int ours) {
+  return ::sched_getscheduler(0) == (SCHED_RR | SCHED_RESET_ON_FORK) ||
+         ::getpriority(PRIO_PROCESS, 0) < ours;
+}
+
+// Whether this host lets us raise a thread at all.
+bool mayRaiseThreads(int ours) {
+  bool allowed = false;
+  std::thread([&] { allowed = ::setpriority(PRIO_PROCESS, 0, ours - 1) == 0; }).join();
+  return allowed;
+}
 
 constexpr QOSClass kClasses[] = {QOSClass::utility, QOSClass::standard, QOSClass::userInitiated};
 
@@ -101,6 +116,30 @@ TEST(LinuxWorkQueuesTest, ThreadsWithoutWorkEnd) {
     while (queues.threadCount(qos) != 0)
       std::this_thread::yield();
   }
+}
+
+TEST(LinuxWorkQueuesTest, PromptTasksAreOfTheClassOfWhoeverSubmitsThem) {
+  LinuxWorkQueues queues;
+  const auto group = queues.makeGroup();
+  for (const QOSClass qos : kClasses) {
+    const ScopedQOS scope(qos);
+    queues.prompt().asyncInGroup(group, [qos] { EXPECT_EQ(currentQOS(), qos); });
+  }
+  group->wait();
+}
+
+TEST(LinuxWorkQueuesTest, PromptTasksComeFirstAndWhatTheySubmitDoesNot) {
+  LinuxWorkQueues queues;
+  const auto group = queues.makeGroup();
+  const int ours = ::getpriority(PRIO_PROCESS, 0);
+  queues.prompt().asyncInGroup(group, [&] {
+    EXPECT_EQ(comesFirst(ours), mayRaiseThreads(ours));
+    queues.global(QOSClass::standard).asyncInGroup(group, [ours] {
+      EXPECT_EQ(::sched_getscheduler(0), SCHED_OTHER);
+      EXPECT_EQ(::getpriority(PRIO_PROCESS, 0), ours);
+    });
+  });
+  group->wait();
 }
 
 TEST(LinuxWorkQueuesTest, DestructionWaitsForTasksAndWhatTheyStart) {
