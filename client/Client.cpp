@@ -247,7 +247,7 @@ std::optional<Ending> Client::afterTurn(Turn turn, const ServiceError& error) {
     return Ending{ExitCode::failed, std::move(text)};
   }
   if (watcher_->daemonBusy() && !std::exchange(busyNoticed_, true)) {
-    reporter_.notice({"waiting", "The daemon is busy, perhaps saving by itself; waiting.", {}});
+    reporter_.notice({"waiting", "The daemon is busy; waiting.", {}});
   }
   return std::nullopt;
 }

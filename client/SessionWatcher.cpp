@@ -12,11 +12,12 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr std::chrono::nanoseconds kIntervalWhileJobsRun = 3s;
-// With no job running the session may be at its end.
+// With no job running the session may be at its end: soon, then less and less often.
+constexpr std::chrono::nanoseconds kFirstIntervalWhileNoneRuns = 20ms;
 constexpr std::chrono::nanoseconds kIntervalWhileNoneRuns = 500ms;
 // Asking takes at most a tenth of the time, however long the list of jobs is.
 constexpr int kRestPerQueryTime = 9;
-// A daemon that saves by itself answers nothing meanwhile: every question would only pile up.
+// A daemon that has no time to answer is not to be asked all the more.
 constexpr std::chrono::nanoseconds kLongestInterval = 60s;
 constexpr unsigned kMostDoublings = 5;
 
@@ -81,6 +82,7 @@ std::optional<SessionSnapshot> SessionWatcher::query(ServiceError* error) {
   lastQueryTook_ = lastAnswer_ - begin;
   const bool unanswered = reason.kind == ServiceError::Kind::timedOut;
   unansweredQueries_ = unanswered ? unansweredQueries_ + 1 : 0;
+  queriesWhileNoneRuns_ = noneRuns() ? queriesWhileNoneRuns_ + 1 : 0;
   if (!snapshot && error != nullptr) *error = std::move(reason);
   return snapshot;
 }
@@ -123,9 +125,16 @@ std::chrono::steady_clock::time_point SessionWatcher::nextQuery() const {
     const auto doublings = std::min(unansweredQueries_, kMostDoublings);
     return lastAnswer_ + std::min(kLongestInterval, kIntervalWhileJobsRun * (1u << doublings));
   }
-  const bool noneRuns = !table_.empty() && table_.counts().unfinished == 0;
-  const auto interval = noneRuns ? kIntervalWhileNoneRuns : kIntervalWhileJobsRun;
+  auto interval = kIntervalWhileJobsRun;
+  if (noneRuns()) {
+    const auto doublings = std::min(queriesWhileNoneRuns_, kMostDoublings);
+    interval = std::min(kIntervalWhileNoneRuns, kFirstIntervalWhileNoneRuns * (1u << doublings));
+  }
   return lastAnswer_ + std::max(interval, lastQueryTook_ * kRestPerQueryTime);
+}
+
+bool SessionWatcher::noneRuns() const {
+  return !table_.empty() && table_.counts().unfinished == 0;
 }
 
 void SessionWatcher::startedHere() {

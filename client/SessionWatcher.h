@@ -60,6 +60,7 @@ class SessionWatcher : private ServiceObserver {
   bool deliverWhatIsThere();
   std::optional<SessionSnapshot> query(ServiceError* error);
   std::chrono::steady_clock::time_point nextQuery() const;
+  bool noneRuns() const;
 
   QuillsiftService& service_;
   ServiceObserver& next_;
@@ -77,6 +78,7 @@ class SessionWatcher : private ServiceObserver {
   std::chrono::steady_clock::time_point lastAnswer_{};
   std::chrono::nanoseconds lastQueryTook_{0};
   unsigned unansweredQueries_ = 0;
+  unsigned queriesWhileNoneRuns_ = 0;  // one after the other
 };
 
 }  // namespace quillsift

@@ -97,8 +97,18 @@ TEST_F(SessionWatcherTest, AsksSoonWhenTheLastRunningJobHasEnded) {
   const auto before = daemon_.now();
   while (watcher_.session() != Session::finished)
     watcher_.watch(100ms, nullptr);
-  EXPECT_LE(daemon_.now() - before, 600ms);
+  EXPECT_LE(daemon_.now() - before, 100ms);
   EXPECT_EQ(queries(), 2u);
+}
+
+TEST_F(SessionWatcherTest, AsksLessAndLessOftenWhileNoJobRuns) {
+  daemon_.jobs = {job("a", 4)};
+  ASSERT_TRUE(watcher_.refresh(nullptr));
+  watchFor(100ms);
+  EXPECT_GE(queries(), 3u);
+  watchFor(60s);
+  EXPECT_LE(queries(), 130u);
+  EXPECT_GE(queries(), 110u);
 }
 
 TEST_F(SessionWatcherTest, AsksNoMoreOnceTheSessionHasFinished) {
