@@ -1,5 +1,7 @@
 #pragma once
 
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstdint>
 #include <functional>
@@ -7,6 +9,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -30,6 +33,13 @@ class FakeFileTransfer : public RemoteFileTransfer {
     MutexLock lock(mutex_);
     return destination_.get();
   }
+  // Writes there, unless the transfer ends first: who writes to the bare descriptor while others
+  // may end the transfer writes to whatever has its number by then. False when nothing was written.
+  bool write(std::string_view bytes) {
+    MutexLock lock(mutex_);
+    return destination_.valid() && ::write(destination_.get(), bytes.data(), bytes.size()) ==
+                                       static_cast<ssize_t>(bytes.size());
+  }
   // Completes, and closes the destination behind it. False when there is nothing to end.
   bool end(int error) {
     FileDescriptor destination;
@@ -50,7 +60,8 @@ class FakeFileTransfer : public RemoteFileTransfer {
 };
 
 // The test's end of a connection. Any thread.
-class FakeRemoteConnection : public RemoteConnection {
+class FakeRemoteConnection : public RemoteConnection,
+                             public std::enable_shared_from_this<FakeRemoteConnection> {
  public:
   explicit FakeRemoteConnection(std::shared_ptr<SerialQueue> queue) : queue_(std::move(queue)) {}
 
@@ -79,15 +90,7 @@ class FakeRemoteConnection : public RemoteConnection {
 
   // Delivers an event on the queue.
   void deliver(RemoteEvent event) {
-    queue_->async([this, event = std::move(event)] {
-      EventHandler handler;
-      {
-        MutexLock lock(mutex_);
-        if (!active_ || cancelled_) return;
-        handler = handler_;
-      }
-      if (handler) handler(event);
-    });
+    queue_->async([self = shared_from_this(), event = std::move(event)] { self->handle(event); });
   }
   void deliver(RemoteDictionary dictionary) {
     deliver(RemoteEvent{RemoteEvent::Kind::dictionary, std::move(dictionary), ""});
@@ -113,6 +116,16 @@ class FakeRemoteConnection : public RemoteConnection {
   }
 
  private:
+  void handle(const RemoteEvent& event) {
+    EventHandler handler;
+    {
+      MutexLock lock(mutex_);
+      if (!active_ || cancelled_) return;
+      handler = handler_;
+    }
+    if (handler) handler(event);
+  }
+
   const std::shared_ptr<SerialQueue> queue_;
   mutable Mutex mutex_;
   EventHandler handler_ QS_GUARDED_BY(mutex_);

@@ -21,7 +21,9 @@ namespace {
 
 using std::chrono::nanoseconds;
 
-constexpr std::chrono::seconds kPatience{60};
+// A whole session may lie behind one wait, and on a busy machine with a sanitizer it takes its
+// time.
+constexpr std::chrono::seconds kPatience{240};
 constexpr std::size_t kMostWorkers = 256;
 
 [[noreturn]] void misuse(const char* what) {
@@ -95,6 +97,7 @@ class FakeWorkQueues::Core {
   bool drained() const QS_REQUIRES(mutex_) { return outstanding_ == 0; }
   bool settled() const QS_REQUIRES(mutex_);
   std::size_t parked() const QS_REQUIRES(mutex_);
+  std::size_t ready() const QS_REQUIRES(mutex_) { return ready_.size(); }
   std::size_t timerCount() const QS_REQUIRES(mutex_) { return timers_.size(); }
 
   struct Timer {
@@ -568,6 +571,11 @@ std::vector<nanoseconds> FakeWorkQueues::waitLimits() const {
 std::size_t FakeWorkQueues::parked() const {
   MutexLock lock(core_->mutex_);
   return core_->parked();
+}
+
+std::size_t FakeWorkQueues::ready() const {
+  MutexLock lock(core_->mutex_);
+  return core_->ready();
 }
 
 void FakeWorkQueues::shutDown() {

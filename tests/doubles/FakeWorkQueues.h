@@ -16,7 +16,7 @@ namespace quillsift {
 //
 // A step of a test: wait until what should be waiting does (waitForParked, waitForTimers, settle),
 // advance, then drain or settle. Each of these ends the process with a picture of the queues when
-// nothing comes of it for a minute. Any thread, but none from inside a task.
+// nothing comes of it for minutes. Any thread, but none from inside a task.
 class FakeWorkQueues : public WorkQueues {
  public:
   struct QueueRecord {
@@ -67,6 +67,8 @@ class FakeWorkQueues : public WorkQueues {
   // The limits of all timed group waits so far, in order, those that did not have to wait included.
   std::vector<std::chrono::nanoseconds> waitLimits() const;
   std::size_t parked() const;
+  // How many tasks no thread has begun though nothing is before them.
+  std::size_t ready() const;
 
   // Ends all timed waits, drops pending timers, waits for every task and joins the threads. Tasks
   // submitted afterwards are dropped. A second call does nothing.
