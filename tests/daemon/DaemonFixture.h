@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -71,6 +73,19 @@ class DaemonFixture : public testing::Test {
     while (platform_.workQueues().waitLimits().size() < count)
       std::this_thread::yield();
     platform_.workQueues().waitForParked(1);
+  }
+  // Until the job of this path runs, so that it can be stopped. A child that has been started may
+  // not be known to its job yet.
+  void waitForRunningJob(const std::string& relativePath) {
+    const auto runs = [&] {
+      const auto jobs = daemon_->getCurrentJobInfosWithDate(nullptr);
+      return std::any_of(jobs.begin(), jobs.end(), [&](const QSJobInfo& job) {
+        return job.relativeFilePathAndName() == relativePath &&
+               job.jobStatus() == static_cast<std::int64_t>(QSJobStatus::running);
+      });
+    };
+    while (!runs())
+      std::this_thread::yield();
   }
   void release() {
     platform_.processLauncher().child(kEarlyProgram)->finish(0);

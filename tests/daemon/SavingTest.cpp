@@ -159,6 +159,7 @@ TEST_F(SavingTest, AStartIsRefusedDuringASaveAndAcceptedAfterIt) {
   save(output("x.tgz"));
   EXPECT_FALSE(acceptedDuring);
   EXPECT_TRUE(start());
+  platform_.workQueues().drain();
 }
 
 TEST_F(SavingTest, ASaveThatCannotBeWrittenInFullIsAFailure) {

@@ -200,8 +200,7 @@ TEST_F(SessionControlTest, AHangingCommandIsKilledInTheEndSequence) {
   platform_.processLauncher().script("/bin/df", {.output = "half", .hangs = true});
   ASSERT_TRUE(start());
   waitForPlanWait(4);
-  while (!platform_.processLauncher().child("/bin/df"))
-    std::this_thread::yield();
+  waitForRunningJob("df_disks.txt");
   platform_.workQueues().advance(seconds(180));
   waitForPlanWait(5);
   EXPECT_FALSE(platform_.processLauncher().child("/bin/df")->wasKilled());
