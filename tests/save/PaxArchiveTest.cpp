@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -179,6 +180,7 @@ TEST_F(PaxArchiveTest, DataThatChangesMeanwhileDoesNotBreakTheCheckSum) {
   const pid_t scribbler = ::fork();
   ASSERT_GE(scribbler, 0);
   if (scribbler == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);  // whatever becomes of the test
     for (auto* const words = static_cast<volatile unsigned*>(shared);;) {
       for (std::size_t i = 0; i < kLength / sizeof(unsigned); i += 512)
         words[i] = words[i] + 1;
