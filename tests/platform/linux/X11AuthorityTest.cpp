@@ -2,6 +2,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <limits>
+
 #include "platform/linux/FileReading.h"
 #include "platform/linux/X11Authority.h"
 #include "platform/linux/X11ServerCookie.h"
@@ -117,7 +119,7 @@ TEST_F(CookieOfServerTest, IsNotReadFromTheKernelsWordsAboutAProcess) {
 
 TEST_F(CookieOfServerTest, IsUnknownWithoutAProcess) {
   EXPECT_EQ(cookie(self, 0), std::nullopt);
-  EXPECT_EQ(cookie(self, 124), std::nullopt);
+  EXPECT_EQ(cookie(self, std::numeric_limits<pid_t>::max()), std::nullopt);
 }
 
 }  // namespace

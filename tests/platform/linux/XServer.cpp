@@ -41,7 +41,6 @@ EndSection
 XServer::XServer(const std::string& command, std::unique_ptr<ScratchTree> files)
     : files_(std::move(files)),
       server_(std::make_unique<XServerProcess>(command)),
-      socket_(server_->socket()),
       display_(server_->display()) {
   if (!server_->runs()) ADD_FAILURE() << command << " did not start";
 }
@@ -60,8 +59,8 @@ std::unique_ptr<XServer> XServer::withOutputs() {
   return std::unique_ptr<XServer>(new XServer(command, std::move(files)));
 }
 
-void XServer::putInto(const ScratchTree& tree) const {
-  tree.link("tmp/.X11-unix/X0", socket());
+void XServer::putInto(const ScratchTree& tree, int number) const {
+  server_->linkSocket(tree.makeDirectory("tmp/.X11-unix") + "/X" + std::to_string(number));
 }
 
 void XServer::run(const std::string& command) const {

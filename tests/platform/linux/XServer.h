@@ -18,10 +18,8 @@ class XServer {
   // Xorg's dummy driver with outputs DUMMY0 to DUMMY15, the first of them on. Root only.
   static std::unique_ptr<XServer> withOutputs();
 
-  // What the server's socket is called.
-  const std::string& socket() const { return socket_; }
-  // Makes it display 0 of the tree.
-  void putInto(const ScratchTree& tree) const;
+  // Makes it a display of the tree, and of no other server's when it has been killed.
+  void putInto(const ScratchTree& tree, int number = 0) const;
   // Runs a client of this server to its end; the test fails when it does not exit with 0.
   void run(const std::string& command) const;
   // Turns an output on: "DUMMY1 --right-of DUMMY0".
@@ -35,7 +33,6 @@ class XServer {
 
   std::unique_ptr<ScratchTree> files_;  // what it reads; may be null
   std::unique_ptr<XServerProcess> server_;
-  std::string socket_;
   std::string display_;
 };
 
