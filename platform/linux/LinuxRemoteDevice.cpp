@@ -33,10 +33,6 @@ bool offers(sd_bus* bus, const std::string& service, RemoteDeadline deadline) {
   return answer && sd_bus_message_read_basic(answer.get(), 'b', &yes) > 0 && yes != 0;
 }
 
-RemoteDeadline deadlineOfAnswer() {
-  return std::chrono::steady_clock::now() + kRemoteAnswerLimit;
-}
-
 class LinuxRemoteDeviceService : public RemoteDeviceService {
  public:
   LinuxRemoteDeviceService(BusPointer bus, std::string name)
@@ -56,8 +52,9 @@ class LinuxRemoteDeviceService : public RemoteDeviceService {
 
 }  // namespace
 
-LinuxRemoteDevice::LinuxRemoteDevice(FileDescriptor directory, std::string name)
-    : directory_(std::move(directory)), name_(std::move(name)) {}
+LinuxRemoteDevice::LinuxRemoteDevice(FileDescriptor directory, std::string name,
+                                     std::chrono::milliseconds limit)
+    : directory_(std::move(directory)), name_(std::move(name)), limit_(limit) {}
 
 FileDescriptor LinuxRemoteDevice::connect() const {
   sockaddr_un address{};
@@ -89,7 +86,7 @@ std::shared_ptr<RemoteDeviceService> LinuxRemoteDevice::service(const std::strin
     socket = socket_.valid() ? std::move(socket_) : connect();
   }
   if (!socket.valid()) return nullptr;
-  const auto deadline = deadlineOfAnswer();
+  const RemoteDeadline deadline = std::chrono::steady_clock::now() + limit_;
   BusPointer bus = openRemoteBus(std::move(socket), true, deadline);
   if (!bus || !offers(bus.get(), name, deadline)) return nullptr;
   return std::make_shared<LinuxRemoteDeviceService>(std::move(bus), name);
@@ -99,7 +96,7 @@ std::shared_ptr<RemoteDeviceService> LinuxRemoteDevice::service(const std::strin
 std::optional<SystemValue::Dictionary> LinuxRemoteDevice::properties() {
   FileDescriptor socket = connect();
   if (!socket.valid()) return std::nullopt;
-  const auto deadline = deadlineOfAnswer();
+  const RemoteDeadline deadline = std::chrono::steady_clock::now() + limit_;
   const BusPointer bus = openRemoteBus(std::move(socket), false, deadline);
   if (!bus) return std::nullopt;
   const auto answer = askRemote(bus.get(),

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
@@ -14,7 +15,8 @@ namespace quillsift {
 // who is root or this process's user. Any thread.
 class LinuxRemoteDevice : public RemoteDevice {
  public:
-  LinuxRemoteDevice(FileDescriptor directory, std::string name);
+  // `limit` is for each of the two questions.
+  LinuxRemoteDevice(FileDescriptor directory, std::string name, std::chrono::milliseconds limit);
 
   std::string name() const override { return name_; }
   // None when nobody answers in time, or the answer is an error or beyond the limits of
@@ -28,6 +30,7 @@ class LinuxRemoteDevice : public RemoteDevice {
 
   const FileDescriptor directory_;
   const std::string name_;
+  const std::chrono::milliseconds limit_;
   Mutex mutex_;
   // From the question for the state until a service takes it, so that a device sees one peer.
   FileDescriptor socket_ QS_GUARDED_BY(mutex_);

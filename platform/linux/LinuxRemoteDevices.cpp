@@ -48,8 +48,9 @@ std::string firstDevice(DIR* directory) {
 
 }  // namespace
 
-LinuxRemoteDevices::LinuxRemoteDevices(std::shared_ptr<const PlatformTree> tree)
-    : tree_(std::move(tree)) {}
+LinuxRemoteDevices::LinuxRemoteDevices(std::shared_ptr<const PlatformTree> tree,
+                                       std::chrono::milliseconds limit)
+    : tree_(std::move(tree)), limit_(limit) {}
 
 std::shared_ptr<RemoteDevice> LinuxRemoteDevices::uniqueDevice(std::uint32_t type) {
   if (type != kRemoteDeviceType) return nullptr;
@@ -62,7 +63,7 @@ std::shared_ptr<RemoteDevice> LinuxRemoteDevices::uniqueDevice(std::uint32_t typ
   std::string name = firstDevice(directory.get());
   if (name.empty()) return nullptr;
   FileDescriptor place(::fcntl(::dirfd(directory.get()), F_DUPFD_CLOEXEC, 0));
-  return std::make_shared<LinuxRemoteDevice>(std::move(place), std::move(name));
+  return std::make_shared<LinuxRemoteDevice>(std::move(place), std::move(name), limit_);
 }
 
 std::optional<Pipe> LinuxRemoteDevices::makePipe() {

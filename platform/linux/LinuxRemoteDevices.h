@@ -25,13 +25,15 @@ inline constexpr std::chrono::milliseconds kRemoteAnswerLimit{2000};
 // to. Of several, the first by name is the one.
 class LinuxRemoteDevices : public RemoteDevices {
  public:
-  explicit LinuxRemoteDevices(std::shared_ptr<const PlatformTree> tree);
+  explicit LinuxRemoteDevices(std::shared_ptr<const PlatformTree> tree,
+                              std::chrono::milliseconds limit = kRemoteAnswerLimit);
 
   std::shared_ptr<RemoteDevice> uniqueDevice(std::uint32_t type) override;
   std::optional<Pipe> makePipe() override;
 
  private:
   const std::shared_ptr<const PlatformTree> tree_;
+  const std::chrono::milliseconds limit_;
 };
 
 }  // namespace quillsift

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <condition_variable>
 #include <filesystem>
 #include <latch>
@@ -24,6 +25,8 @@ namespace quillsift {
 namespace {
 
 constexpr const char* kService = "io.vantor.omnitrawl.remote";
+// For a device to answer in, on however busy a machine.
+constexpr std::chrono::seconds kLongEnough{60};
 
 std::string messageOfError(int error) {
   return std::generic_category().message(error);
@@ -72,7 +75,8 @@ class LinuxRemoteConnectionTest : public testing::Test {
                                        [behaviour = std::move(behaviour)](RawDevicePeer& peer) {
                                          if (peer.shakeHands() && peer.offer()) behaviour(peer);
                                        });
-    const auto device = LinuxRemoteDevices(scratch_.tree()).uniqueDevice(kRemoteDeviceType);
+    const auto device =
+        LinuxRemoteDevices(scratch_.tree(), kLongEnough).uniqueDevice(kRemoteDeviceType);
     ASSERT_NE(device, nullptr);
     service_ = device->service(kService);
     ASSERT_NE(service_, nullptr);
@@ -247,7 +251,8 @@ TEST_F(LinuxRemoteConnectionTest, EndsWhenThereIsNoDescriptorForAFile) {
 
 TEST_F(LinuxRemoteConnectionTest, IsNotMadeWithoutDescriptors) {
   connect([](RawDevicePeer& peer) { peer.waitForTheEnd(); });
-  const auto device = LinuxRemoteDevices(scratch_.tree()).uniqueDevice(kRemoteDeviceType);
+  const auto device =
+      LinuxRemoteDevices(scratch_.tree(), kLongEnough).uniqueDevice(kRemoteDeviceType);
   const auto service = device->service(kService);
   ASSERT_NE(service, nullptr);
   const DescriptorShortage shortage(0);
