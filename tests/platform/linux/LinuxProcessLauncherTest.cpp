@@ -99,7 +99,7 @@ TEST_F(LinuxProcessLauncherTest, AChildThatPrintsNothingHasEmptyOutput) {
 }
 
 TEST_F(LinuxProcessLauncherTest, OutputThatNobodyWantsGoesToTheNullDevice) {
-  const std::string file = testing::TempDir() + "where-output-goes";
+  const std::string file = testing::TempDir() + "where-output-goes-" + std::to_string(::getpid());
   LaunchRequest request =
       shell("readlink /proc/$$/fd/1 /proc/$$/fd/2 | cat > " + file + "; exit 4");
   request.captureOutput = false;
@@ -125,7 +125,7 @@ TEST_F(LinuxProcessLauncherTest, SaysWhyAChildCannotBeStarted) {
   expectLaunchError(requestFor("/does/not/exist"), ENOENT);
   expectLaunchError(requestFor("/etc/passwd"), EACCES);
   expectLaunchError(requestFor("/etc"), EACCES);
-  const std::string garbage = testing::TempDir() + "no-program";
+  const std::string garbage = testing::TempDir() + "no-program-" + std::to_string(::getpid());
   std::ofstream(garbage) << "neither a script nor a binary\n";
   std::filesystem::permissions(garbage, std::filesystem::perms::owner_all);
   expectLaunchError(requestFor(garbage), ENOEXEC);

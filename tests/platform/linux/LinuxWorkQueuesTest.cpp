@@ -84,9 +84,9 @@ TEST(LinuxWorkQueuesTest, HundredsOfTasksMayWaitForOneSerialQueue) {
 
 TEST(LinuxWorkQueuesTest, HundredsOfSerialQueuesMayBlockAtOnce) {
   constexpr int kQueues = 300;
-  LinuxWorkQueues queues;
   std::latch begun(kQueues);
   Gate release;
+  LinuxWorkQueues queues;  // the first to go: it waits for those that pass the gate
   for (int queue = 0; queue < kQueues; ++queue) {
     queues.makeSerialQueue("serial", QOSClass::standard)->async([&] {
       begun.count_down();
