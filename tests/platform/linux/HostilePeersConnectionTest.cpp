@@ -1,6 +1,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstring>
+#include <memory>
+
 #include "tests/platform/linux/RawPeer.h"
 #include "tests/platform/linux/ServiceFixture.h"
 
@@ -20,10 +24,39 @@ void expectServing(TestService& service) {
   EXPECT_TRUE(client->call("clear", {}, kLimit, &error)) << error.description();
 }
 
-ServiceConnectionSettings withHandshake(std::chrono::milliseconds limit) {
+constexpr std::chrono::milliseconds kShortHandshake{500};
+
+ServiceConnectionSettings withShortHandshake() {
   ServiceConnectionSettings settings;
-  settings.limits.handshake = limit;
+  settings.limits.handshake = kShortHandshake;
   return settings;
+}
+
+// Reads one whole message.
+bool readAnswer(RawPeer& peer) {
+  const std::string head = peer.readBytes(16);
+  if (head.size() != 16) return false;
+  const auto number = [&](std::size_t offset) {
+    std::uint32_t value = 0;
+    std::memcpy(&value, head.data() + offset, sizeof value);
+    return std::size_t{value};
+  };
+  const std::size_t rest = (number(12) + 7) / 8 * 8 + number(4);
+  return peer.readBytes(rest).size() == rest;
+}
+
+// A peer whose call was answered, so its handshake is over. On a busy machine one may be too slow
+// for a short limit: it is hung up on as it should be, and the next one tries. Null when none gets
+// through.
+std::unique_ptr<RawPeer> answeredPeer(const TestService& service) {
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    auto peer = std::make_unique<RawPeer>(service.socketPath());
+    if (peer->authenticate() && peer->write(RawCall{.member = "clear"}.bytes()) &&
+        readAnswer(*peer)) {
+      return peer;
+    }
+  }
+  return nullptr;
 }
 
 TEST(HostilePeersConnectionTest, GarbageInsteadOfAHandshakeEndsThatPeer) {
@@ -46,29 +79,31 @@ TEST(HostilePeersConnectionTest, AnEndlessHandshakeLineEndsThatPeer) {
 }
 
 TEST(HostilePeersConnectionTest, ASilentPeerIsHungUpOnAfterTheHandshakeLimit) {
-  TestService service(withHandshake(100ms));
+  TestService service(withShortHandshake());
   RawPeer peer(service.socketPath());
   EXPECT_TRUE(peer.readToTheEnd());
   ASSERT_TRUE(service.peer()->waitFor("invalidated"));
   EXPECT_THAT(service.peer()->events(), ElementsAre("invalidated"));
-  expectServing(service);
+  EXPECT_NE(answeredPeer(service), nullptr);
 }
 
 TEST(HostilePeersConnectionTest, APeerStuckInTheHandshakeIsHungUpOn) {
-  TestService service(withHandshake(100ms));
-  RawPeer peer(service.socketPath());
-  ASSERT_TRUE(peer.write("\0AUTH EXTER"s));
-  EXPECT_TRUE(peer.readToTheEnd());
+  TestService service(withShortHandshake());
+  // One that was hung up on before it could say anything was only silent.
+  for (bool isStuck = false; !isStuck;) {
+    RawPeer peer(service.socketPath());
+    isStuck = peer.write("\0AUTH EXTER"s);
+    ASSERT_TRUE(peer.readToTheEnd());
+  }
 }
 
 TEST(HostilePeersConnectionTest, AnAuthenticatedPeerMayBeSilentForLong) {
-  TestService service(withHandshake(50ms));
-  RawPeer peer(service.socketPath());
-  ASSERT_TRUE(peer.authenticate());
-  EXPECT_FALSE(peer.readable(200ms));
-  ASSERT_TRUE(peer.write(RawCall{.member = "clear"}.bytes()));
-  EXPECT_TRUE(peer.readable(kLimit));
-  EXPECT_TRUE(service.peer()->waitFor("clear"));
+  TestService service(withShortHandshake());
+  const auto peer = answeredPeer(service);
+  ASSERT_NE(peer, nullptr);
+  EXPECT_FALSE(peer->readable(2 * kShortHandshake));
+  ASSERT_TRUE(peer->write(RawCall{.serial = 2, .member = "clear"}.bytes()));
+  EXPECT_TRUE(readAnswer(*peer));
 }
 
 TEST(HostilePeersConnectionTest, NobodyIsAnonymous) {

@@ -356,9 +356,10 @@ TEST(LimitsConnectionTest, WithoutDescriptorsPeersWaitAndNothingSpins) {
     // The connected are served as ever.
     QSError error;
     ASSERT_TRUE(client->call("clear", {}, kLimit, &error)) << error.description();
+    // What spins takes all the time it can get; what waits is not made busy by a busy machine.
     const auto before = processorTime();
-    EXPECT_EQ(client->processEvents(500ms, -1), RemoteService::Wake::timeout);
-    EXPECT_LT(processorTime() - before, 100ms);
+    EXPECT_EQ(client->processEvents(2s, -1), RemoteService::Wake::timeout);
+    EXPECT_LT(processorTime() - before, 1s);
     EXPECT_EQ(service.accepted(), 1U);
   }
   char answer[9] = {};
