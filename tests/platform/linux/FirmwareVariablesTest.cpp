@@ -17,7 +17,7 @@ constexpr const char* kStore = "sys/firmware/efi/efivars";
 class FirmwareVariablesTest : public testing::Test {
  protected:
   std::unique_ptr<RegistryObject> variables() {
-    return firmwareVariables(*scratch_.tree(), launcher_);
+    return firmwareVariables(*scratch_.tree(), launcher_, std::chrono::minutes(1));
   }
 
   const ScratchTree scratch_;

@@ -243,11 +243,12 @@ TEST_F(JournalExportTest, JoinsTheFilesOfAllDirectoriesAndMachines) {
     return entry;
   };
   const std::string a(32, 'a'), b(32, 'b');
-  makeJournal(file("000000000000000000000000000000aa/system.journal"),
-              {of("1", 90, a), of("4", 60, a)});
-  makeJournal(file("000000000000000000000000000000bb/system.journal"),
-              {of("2", 80, b), of("5", 50, b)});
-  makeJournal(scratch_.at("run/x.journal"), {of("3", 70, a)});
+  // All of one moment: to make a file takes some seconds on a busy machine.
+  const std::vector<MadeEntry> first = {of("1", 90, a), of("4", 60, a)},
+                               second = {of("2", 80, b), of("5", 50, b)}, third = {of("3", 70, a)};
+  makeJournal(file("000000000000000000000000000000aa/system.journal"), first);
+  makeJournal(file("000000000000000000000000000000bb/system.journal"), second);
+  makeJournal(scratch_.at("run/x.journal"), third);
   EXPECT_EQ(read({scratch_.at("run"), scratch_.at("log"), scratch_.at("nowhere")},
                  {{"persist", kUsual}}, JournalExport::Now::ofThisMachine()),
             0);
@@ -398,6 +399,7 @@ TEST_F(JournalExportTest, ShowsWhatItHasWhileItReads) {
       EXPECT_THAT(std::string(text.substr(0, 9)), "__CURSOR=");
       EXPECT_TRUE(text.ends_with("\n\n"));
     });
+    std::this_thread::yield();  // the reader's turn
   }
   reader.join();
 }

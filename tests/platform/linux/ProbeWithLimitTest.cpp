@@ -95,7 +95,7 @@ TEST(ProbeWithLimitTest, LooksAgainAtADeviceThatCameBack) {
         if (++hang->looks == 1) hang->end.pass();
         return VolumeFacts{.label = "back"};
       },
-      1ms);
+      100ms);
   EXPECT_EQ(probe("/dev/a"), std::nullopt);
   hang->end.open();
   std::optional<VolumeFacts> facts;
