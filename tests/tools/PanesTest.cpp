@@ -38,8 +38,7 @@ class PanesTest : public ::testing::Test {
     machine_.directory("/tmp/.X11-unix");
   }
 
-  int run(const std::vector<std::string>& arguments = {},
-          std::chrono::milliseconds limit = kServersLimit) {
+  int run(const std::vector<std::string>& arguments = {}, std::chrono::milliseconds limit = 60s) {
     OutputPipe pipe;
     const Host host = machine_.host();
     int exitCode = 0;
@@ -49,6 +48,14 @@ class PanesTest : public ::testing::Test {
       exitCode = reportPanes(invocation, limit);
     }
     line_ = pipe.printed();
+    return exitCode;
+  }
+  // With servers that hang, which take all the time there is: as little as will do for the others,
+  // and on a busy machine that can be much.
+  int runUntilAnswered() {
+    int exitCode = kExitNotHere;
+    for (auto limit = 1s; exitCode == kExitNotHere && limit < 2min; limit *= 2)
+      exitCode = run({}, limit);
     return exitCode;
   }
   // Where a process with these arguments listens, if it does.
@@ -115,7 +122,7 @@ TEST_F(PanesTest, LeavesTheWindowsOfAServerBehind) {
   std::free(::xcb_get_input_focus_reply(client, ::xcb_get_input_focus(client), nullptr));
 
   addServer(server.display().substr(1));
-  machine_.link(server.socket(), server.socket());
+  server.linkSocket(machine_.root() + server.socket());
   machine_.treeLink("/private/tmp/PaneServer.external.pinfo.plist.new", "/nowhere");
   EXPECT_EQ(run(), 0) << line_;
   EXPECT_EQ(line_, "");
@@ -140,7 +147,7 @@ TEST_F(PanesTest, LosesOnlyTheEntriesOfServersThatHang) {
   const FakeXServer mute(addServer("2"), {}, Silence::beforeWelcome);
   const FakeXServer hanging(addServer("3"), {}, Silence::beforeAnswers);
   const FakeXServer answering(addServer("4"), {});
-  EXPECT_EQ(run({}, 5s), 0) << line_;
+  EXPECT_EQ(runUntilAnswered(), 0) << line_;
   EXPECT_THAT(list(), HasSubstr("<string>:4</string>"));
   EXPECT_THAT(list(), HasSubstr("<string>Fake</string>"));
   for (const char* display : {":1", ":2", ":3"})
@@ -154,8 +161,9 @@ TEST_F(PanesTest, WaitsForAllServersAtOnce) {
                                                     Silence::beforeWelcome));
   }
   const auto begin = std::chrono::steady_clock::now();
-  EXPECT_EQ(run({}, 1s), kExitNotHere);
-  EXPECT_LT(std::chrono::steady_clock::now() - begin, 6s);
+  EXPECT_EQ(run({}, 4s), kExitNotHere);
+  // One after the other would take 32 seconds.
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 30s);
 }
 
 TEST_F(PanesTest, BelievesNoCountsOfAServer) {
@@ -191,7 +199,7 @@ TEST_F(PanesTest, SurvivesAServerThatPromisesMoreThanThereIsMemory) {
       addServer("1"),
       {.lies = {{.answer = Answer::children, .offset = 4, .bytes = "\xFF\xFF\xFF\x7F"}}});
   const FakeXServer good(addServer("2"), {});
-  EXPECT_EQ(run({}, 5s), 0) << line_;
+  EXPECT_EQ(runUntilAnswered(), 0) << line_;
   EXPECT_THAT(list(), HasSubstr("<string>:2</string>"));
 }
 

@@ -18,7 +18,7 @@ namespace quillsift::tools {
 
 namespace {
 
-constexpr int kHangMilliseconds = 30 * 1000;
+constexpr int kHangMilliseconds = 120 * 1000;
 
 void writeFile(const std::string& path, std::string_view content, mode_t mode) {
   std::filesystem::create_directories(std::filesystem::path(path).parent_path());
@@ -133,7 +133,7 @@ std::string readToEnd(int descriptor) {
       ADD_FAILURE() << "no end of the output; so far: " << text;
       break;
     }
-    char bytes[4096];
+    char bytes[65536];
     const ssize_t count = ::read(descriptor, bytes, sizeof bytes);
     if (count <= 0) break;
     text.append(bytes, static_cast<std::size_t>(count));

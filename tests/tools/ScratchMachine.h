@@ -66,7 +66,8 @@ class OutputPipe {
   int ends_[2];
 };
 
-// All that comes from a descriptor until its end, closing it. Fails the test after half a minute.
+// All that comes from a descriptor until its end, closing it. Fails the test after two silent
+// minutes.
 std::string readToEnd(int descriptor);
 int exitCodeOf(pid_t process);
 
