@@ -54,6 +54,7 @@ function(quillsift_test name)
   target_link_libraries(${name} PRIVATE quillsift_options ${ARG_USES} GTest::gmock_main)
   # Test code itself need not be fast, and optimising it is most of the time a build takes.
   target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
-  gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_MODE PRE_TEST
-    DISCOVERY_TIMEOUT 120 PROPERTIES TIMEOUT 300)
+  # Both limits are against hangs only: a busy machine takes its time also to list the tests.
+  gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
+                       PROPERTIES TIMEOUT 300)
 endfunction()
