@@ -137,7 +137,7 @@ class QSServiceDaemon : public CollectionHost,
   void _saveNonArchivedQuillsiftToDestination(const std::string& destination, bool reportProgress,
                                               bool clearRecoveryDataOnFinish,
                                               bool collectSensitiveFiles, bool takeVariablesLock);
-  void clearAfterSave(const std::optional<QSUUID>& savedSession);
+  void clearAfterSave();
   void _autoSaveQuillsiftIfApplicable(VariablesLockHolder& held)
       QS_REQUIRES(quillsiftVariablesLock_);
 
@@ -151,6 +151,8 @@ class QSServiceDaemon : public CollectionHost,
   VariablesLock quillsiftVariablesLock_;
   bool quillsiftRunning_ QS_GUARDED_BY(quillsiftVariablesLock_) = false;
   std::optional<QSUUID> sessionUUID_ QS_GUARDED_BY(quillsiftVariablesLock_);
+  // That of the moment when the save that runs, or the last one, was accepted.
+  std::optional<QSUUID> sessionToSave_ QS_GUARDED_BY(quillsiftVariablesLock_);
   std::set<std::string> mountPointsMountedByQuillsift_ QS_GUARDED_BY(quillsiftVariablesLock_);
   JobTable jobs_;  // changed only under the lock, read without
 };

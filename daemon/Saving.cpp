@@ -52,20 +52,15 @@ class QSServiceDaemon::SaveOperation : public SaveHost {
     });
   }
 
-  // The session whose jobs were copied.
-  const std::optional<QSUUID>& savedSession() const { return savedSession_; }
-
  private:
   // Held here, or by the caller of the whole save.
   std::vector<std::shared_ptr<QSJob>> copyWithLockHeld() QS_NO_ANALYSIS {
-    savedSession_ = daemon_.sessionUUID_;
     return daemon_.jobs_.jobs();
   }
 
   QSServiceDaemon& daemon_;
   const bool reportProgress_;
   const bool takeVariablesLock_;
-  std::optional<QSUUID> savedSession_;
 };
 
 void QSServiceDaemon::saveQuillsiftToDestination(
@@ -77,7 +72,10 @@ void QSServiceDaemon::saveQuillsiftToDestination(
       if (savingStartedHandler) savingStartedHandler(false);
       return;
     }
-    if (quillsiftSaveLock_.try_lock()) break;
+    if (quillsiftSaveLock_.try_lock()) {
+      sessionToSave_ = sessionUUID_;
+      break;
+    }
     // Another save runs and needs the variables lock to copy the jobs: wait for it without.
     lock.unlock();
     quillsiftSaveLock_.waitUntilFree();
@@ -103,7 +101,7 @@ void QSServiceDaemon::_saveArchivedQuillsiftToDestination(const std::string& des
   const SaveLockRelease release(quillsiftSaveLock_);
   SaveOperation operation(*this, reportProgress, takeVariablesLock);
   const bool saved = writeArchive(destination, collectSensitiveFiles, operation);
-  if (saved && clearRecoveryDataOnFinish) clearAfterSave(operation.savedSession());
+  if (saved && clearRecoveryDataOnFinish) clearAfterSave();
 }
 
 void QSServiceDaemon::_saveNonArchivedQuillsiftToDestination(const std::string& destination,
@@ -114,14 +112,14 @@ void QSServiceDaemon::_saveNonArchivedQuillsiftToDestination(const std::string& 
   const SaveLockRelease release(quillsiftSaveLock_);
   SaveOperation operation(*this, reportProgress, takeVariablesLock);
   const bool saved = writeDirectory(destination, collectSensitiveFiles, operation);
-  if (saved && clearRecoveryDataOnFinish) clearAfterSave(operation.savedSession());
+  if (saved && clearRecoveryDataOnFinish) clearAfterSave();
 }
 
 // Still under the save lock, so that a save which waits for this one finds an empty session and a
 // start cannot slip in between.
-void QSServiceDaemon::clearAfterSave(const std::optional<QSUUID>& savedSession) {
+void QSServiceDaemon::clearAfterSave() {
   VariablesLockHolder lock(quillsiftVariablesLock_);
-  const bool newSession = sessionUUID_ && sessionUUID_ != savedSession;
+  const bool newSession = sessionUUID_ && sessionUUID_ != sessionToSave_;
   if (!newSession) __clearRecoveryData();
 }
 

@@ -121,18 +121,22 @@ TEST_F(SavingTest, ASecondSaveWaitsForTheFirstAndFindsTheSessionCleared) {
 }
 
 TEST_F(SavingTest, ASaveDoesNotClearTheSessionThatBeganWhileItRan) {
-  runSession();
-  platform_.outputFiles().onCall([&](const RecordingOutputFiles::Call& call) {
-    if (call.operation != "renameAt") return;
-    // A start that had waited for an earlier save just when this one took the lock.
-    daemon_->quillsiftSaveLock().unlock();
-    EXPECT_TRUE(start());
-    daemon_->quillsiftSaveLock().lock();
-  });
-  EXPECT_EQ(save(output("x.tgz")), true);
-  platform_.workQueues().drain();
-  EXPECT_TRUE(std::filesystem::exists(output("x.tgz")));
-  EXPECT_FALSE(daemon_->getCurrentJobInfosWithDate(nullptr).empty());
+  // Before and after it has copied the list of jobs.
+  for (const char* step : {"openForWriting", "renameAt"}) {
+    runSession();
+    platform_.outputFiles().onCall([&](const RecordingOutputFiles::Call& call) {
+      if (call.operation != step) return;
+      // A start that had waited for an earlier save just when this one took the lock.
+      daemon_->quillsiftSaveLock().unlock();
+      EXPECT_TRUE(start());
+      daemon_->quillsiftSaveLock().lock();
+    });
+    EXPECT_EQ(save(output("x.tgz")), true);
+    platform_.outputFiles().onCall({});
+    platform_.workQueues().drain();
+    EXPECT_TRUE(std::filesystem::exists(output("x.tgz")));
+    EXPECT_FALSE(daemon_->getCurrentJobInfosWithDate(nullptr).empty()) << step;
+  }
 }
 
 TEST_F(SavingTest, ManySavesQueriesClearsAndStartsAtOnceAllEnd) {
