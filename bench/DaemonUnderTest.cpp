@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <linux/netlink.h>
 #include <signal.h>
+#include <sys/prctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -144,6 +145,7 @@ void DaemonUnderTest::start() {
   if (process_ == 0) {
     // As a service manager starts it: the scheduler shares the processors out by session first.
     ::setsid();
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     // Out of the way first: one may stand where another goes.
     constexpr int kFirstPassed = 3;
     std::vector<int> copies;

@@ -135,7 +135,7 @@ Percentiles duringSessions(const DaemonUnderTest& daemon, int sessions,
   });
   Percentiles times{};
   std::thread client([&] {
-    if (asking == Asking::prompt) setPromptScheduling();
+    if (asking == Asking::prompt) setPromptScheduling(Promptness::answers);
     times = timeQueries(daemon, [&] { return running.load(); });
   });
   control.join();

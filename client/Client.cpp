@@ -249,6 +249,12 @@ std::optional<Ending> Client::afterTurn(Turn turn, const ServiceError& error) {
   if (watcher_->daemonBusy() && !std::exchange(busyNoticed_, true)) {
     reporter_.notice({"waiting", "The daemon is busy; waiting.", {}});
   }
+  if (watcher_->endIsLate() && !std::exchange(lateEndNoticed_, true)) {
+    reporter_.notice({"waiting",
+                      "No job runs, and the session has not finished; perhaps the daemon is saving "
+                      "it by itself. Waiting.",
+                      {}});
+  }
   return std::nullopt;
 }
 

@@ -73,6 +73,7 @@ class Client : private ServiceObserver {
   std::optional<SessionSaver> saver_;
   std::chrono::steady_clock::time_point lastStart_{};
   bool busyNoticed_ = false;
+  bool lateEndNoticed_ = false;
 };
 
 }  // namespace quillsift

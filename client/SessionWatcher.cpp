@@ -20,6 +20,8 @@ constexpr int kRestPerQueryTime = 9;
 // A daemon that has no time to answer is not to be asked all the more.
 constexpr std::chrono::nanoseconds kLongestInterval = 60s;
 constexpr unsigned kMostDoublings = 5;
+// After three seconds or so. Between the steps of a session there is less.
+constexpr unsigned kQueriesUntilTheEndIsLate = 10;
 
 // One turn delivers a few hundred. More of them at once is a flood that never ends.
 constexpr int kMostTurnsAtOnce = 1000;
@@ -133,6 +135,10 @@ std::chrono::steady_clock::time_point SessionWatcher::nextQuery() const {
   return lastAnswer_ + std::max(interval, lastQueryTook_ * kRestPerQueryTime);
 }
 
+bool SessionWatcher::endIsLate() const {
+  return session() == Session::running && queriesWhileNoneRuns_ >= kQueriesUntilTheEndIsLate;
+}
+
 bool SessionWatcher::noneRuns() const {
   return !table_.empty() && table_.counts().unfinished == 0;
 }
@@ -169,7 +175,9 @@ void SessionWatcher::sessionCleared() {
 }
 
 void SessionWatcher::jobChanged(const QSJobInfo& job) {
-  if (table_.update(job) && refreshedOnce_) next_.jobChanged(job);
+  const bool news = table_.update(job);
+  if (!noneRuns()) queriesWhileNoneRuns_ = 0;
+  if (news && refreshedOnce_) next_.jobChanged(job);
 }
 
 void SessionWatcher::saveReported(const SaveReport& report) {

@@ -48,6 +48,8 @@ class SessionWatcher : private ServiceObserver {
   bool sessionWasCleared() const { return sessionWasCleared_; }
   // Whether the last query was not answered in time.
   bool daemonBusy() const { return unansweredQueries_ > 0; }
+  // Whether no job has run for a while and the session has not finished all the same.
+  bool endIsLate() const;
 
  private:
   void sessionStarted() override;

@@ -34,7 +34,7 @@ class CollectionHost {
   // Tells every client, in order, that a session started; returns when all messages are queued.
   virtual void announceSessionStarted() = 0;
   // The end of a session under the variables lock: every job is stopped, `afterStop` is called,
-  // the end date is set and the autosave runs.
+  // the autosave runs and the end date is set.
   virtual void endSession(const std::function<void()>& afterStop) = 0;
   virtual void _dropInstallerShield() = 0;
 };

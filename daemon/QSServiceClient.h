@@ -59,7 +59,7 @@ class QSServiceClient : public ServiceRequestHandler,
                   const std::shared_ptr<QSServiceDaemon>& serviceDaemon);
 
   void installHandlers();
-  // Carries a request out on the worker queue of the calling thread's class.
+  // Carries a request out on `queue`.
   void perform(ServiceRequest request,
                void (*method)(QSServiceDaemon& daemon, const ServiceRequest& request),
                WorkQueue& queue);

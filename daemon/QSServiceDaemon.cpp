@@ -62,12 +62,7 @@ void QSServiceDaemon::broadcastAndWait(const ClientMessage& message) {
 }
 
 std::vector<QSJobInfo> QSServiceDaemon::getCurrentJobInfosWithDate(std::optional<QSDate>* date) {
-  const JobTable::Jobs jobs = jobs_.jobs(date);
-  std::vector<QSJobInfo> infos;
-  infos.reserve(jobs.size());
-  for (const auto& job : jobs)
-    infos.emplace_back(*job);
-  return infos;
+  return jobs_.each<QSJobInfo>([](const QSJob& job) { return QSJobInfo(job); }, date);
 }
 
 std::optional<QSDate> QSServiceDaemon::lastDiagnoseFinishedDate() {

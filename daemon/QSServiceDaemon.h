@@ -10,8 +10,8 @@
 #include "collect/CollectionHost.h"
 #include "collect/CollectionRunner.h"
 #include "daemon/ClientList.h"
-#include "daemon/JobTable.h"
 #include "daemon/SaveLock.h"
+#include "daemon/SessionJobs.h"
 #include "daemon/VariablesLock.h"
 #include "daemon/protocol/QSJobInfo.h"
 #include "jobs/QSJob.h"
@@ -30,7 +30,8 @@ class QSServiceClient;
 // - serviceQueue (serial, user-initiated): every broadcast; each client's queue targets it. Its
 //   tasks touch the client snapshot, job fields and outgoing messages, and take no lock of ours.
 // - runQueue (serial, utility): the body of a session, one at a time, and the autosave.
-// - worker queues: client requests, jobs, saves.
+// - worker queues: client requests but questions, jobs, saves.
+// - the prompt queue: questions, and nothing that waits.
 //
 // Locks: quillsiftVariablesLock guards what is annotated so; quillsiftSaveLock is held for the
 // whole of a save. Blocking order: save lock, then variables lock. With the variables lock held the
@@ -151,10 +152,10 @@ class QSServiceDaemon : public CollectionHost,
   VariablesLock quillsiftVariablesLock_;
   bool quillsiftRunning_ QS_GUARDED_BY(quillsiftVariablesLock_) = false;
   std::optional<QSUUID> sessionUUID_ QS_GUARDED_BY(quillsiftVariablesLock_);
-  // That of the moment when the save that runs, or the last one, was accepted.
+  // That of the moment when the last save that a client asked for was accepted.
   std::optional<QSUUID> sessionToSave_ QS_GUARDED_BY(quillsiftVariablesLock_);
   std::set<std::string> mountPointsMountedByQuillsift_ QS_GUARDED_BY(quillsiftVariablesLock_);
-  JobTable jobs_;  // changed only under the lock, read without
+  SessionJobs jobs_;  // changed only under the lock, read without
 };
 
 }  // namespace quillsift

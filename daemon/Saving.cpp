@@ -72,8 +72,9 @@ void QSServiceDaemon::saveQuillsiftToDestination(
       if (savingStartedHandler) savingStartedHandler(false);
       return;
     }
+    auto session = sessionUUID_;  // takes memory: not with the save lock held
     if (quillsiftSaveLock_.try_lock()) {
-      sessionToSave_ = sessionUUID_;
+      sessionToSave_ = std::move(session);
       break;
     }
     // Another save runs and needs the variables lock to copy the jobs: wait for it without.

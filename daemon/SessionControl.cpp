@@ -73,9 +73,9 @@ void QSServiceDaemon::runSession(const QSUUID& sessionUUID) {
   if (sessionUUID_ != sessionUUID) return;
   quillsiftRunning_ = false;
   if (complete) return;
-  // What there is can still be saved.
-  for (const auto& job : jobs_.jobs())
-    job->stop();
+  // What there is can still be saved, and clients wait for a date.
+  jobs_.stopAll();
+  if (!jobs_.empty()) jobs_.setDateFinished(currentDate());
 }
 
 void QSServiceDaemon::__quillsiftBeginWithSessionUUID(const QSUUID& sessionUUID) {
@@ -88,8 +88,7 @@ void QSServiceDaemon::announceSessionStarted() {
 
 void QSServiceDaemon::endSession(const std::function<void()>& afterStop) {
   VariablesLockHolder lock(quillsiftVariablesLock_);
-  for (const auto& job : jobs_.jobs())
-    job->stop();
+  jobs_.stopAll();
   afterStop();
   const QSDate finished = currentDate();
   _autoSaveQuillsiftIfApplicable(lock);

@@ -62,8 +62,8 @@ class WorkQueues {
   // The concurrent queue of a class, one for the process. Grows with what waits, so blocked tasks
   // do not keep others from running until a high bound is reached.
   virtual WorkQueue& global(QOSClass qos) = 0;
-  // The same for tasks that are short and waited for by a person: they come first on the processors
-  // and must not block for long. They are of the class of whoever submits them.
+  // Runs tasks that are short, never block and are waited for by a person: one after the other, but
+  // first on the processors. They are of the class of whoever submits them.
   virtual WorkQueue& prompt() = 0;
   virtual std::shared_ptr<WorkGroup> makeGroup() = 0;
 };

@@ -120,7 +120,7 @@ class ElasticPool::State : public std::enable_shared_from_this<State> {
 
   void work() noexcept {
     if (scheduling_ == Scheduling::prompt) {
-      setPromptScheduling();
+      setPromptScheduling(Promptness::answers);
     } else {
       setThreadSchedulingClass(qos_);
     }

@@ -76,11 +76,13 @@ class LinuxServiceListener::Acceptor : public std::enable_shared_from_this<Accep
   }
 
   void acceptSome() {
+    bool accepted = false;
     for (int i = 0; waits_ && i < kAcceptsPerTurn; ++i) {
       if (!next_.feed.valid() && !next_.makePair()) return pause();
       FileDescriptor peer(::accept4(waits_->descriptor.native_handle(), nullptr, nullptr,
                                     SOCK_CLOEXEC | SOCK_NONBLOCK));
       if (peer.valid()) {
+        accepted = true;
         admit(std::move(peer));
       } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
         return wait();
@@ -88,7 +90,9 @@ class LinuxServiceListener::Acceptor : public std::enable_shared_from_this<Accep
         return pause();
       }
     }
-    if (waits_) wait();
+    if (!waits_) return;
+    // A peer that is refused before it leaves the backlog would be found there for ever.
+    accepted ? wait() : pause();
   }
 
   void admit(FileDescriptor socket) {

@@ -12,6 +12,12 @@ namespace {
 // A serial queue takes one thread at most, so their number bounds the threads.
 constexpr std::size_t kOneThreadASerialQueue = std::numeric_limits<std::size_t>::max();
 
+// Tasks that do not block need no second thread, and a crowd of questions must not take every
+// processor from those who collect.
+constexpr std::size_t kPromptThreads = 1;
+// It stays: a new one is started by a thread that is not in front of others.
+constexpr std::chrono::hours kPromptIdleTime{24 * 365};
+
 std::string threadName(QOSClass qos, const char* kind) {
   return "qs-" + std::to_string(static_cast<std::uint32_t>(qos)) + "-" + kind;
 }
@@ -32,9 +38,9 @@ class LinuxWorkQueues::ConcurrentQueue : public WorkQueue {
 // Tasks keep the class of the thread that submits them; only the scheduling is another.
 class LinuxWorkQueues::PromptQueue : public WorkQueue {
  public:
-  PromptQueue(std::chrono::nanoseconds idleTime, const std::shared_ptr<TimerThread>& starter,
+  PromptQueue(const std::shared_ptr<TimerThread>& starter,
               const std::shared_ptr<WorkGroup>& unfinished)
-      : pool_("qs-prompt", QOSClass::standard, ElasticPool::Limits{kConcurrentTasks, idleTime},
+      : pool_("qs-prompt", QOSClass::standard, ElasticPool::Limits{kPromptThreads, kPromptIdleTime},
               starter, unfinished, ElasticPool::Scheduling::prompt) {}
 
   void async(Task task) override {
@@ -71,7 +77,7 @@ LinuxWorkQueues::LinuxWorkQueues(std::chrono::nanoseconds idleTime)
           std::make_unique<ClassQueues>(QOSClass::utility, idleTime, starter_, unfinished_),
           std::make_unique<ClassQueues>(QOSClass::standard, idleTime, starter_, unfinished_),
           std::make_unique<ClassQueues>(QOSClass::userInitiated, idleTime, starter_, unfinished_)},
-      prompt_(std::make_unique<PromptQueue>(idleTime, starter_, unfinished_)) {}
+      prompt_(std::make_unique<PromptQueue>(starter_, unfinished_)) {}
 
 LinuxWorkQueues::~LinuxWorkQueues() {
   timers_->stop();

@@ -16,7 +16,7 @@ namespace quillsift {
 // Queues on elastic pools, two for each class: one runs the tasks of the concurrent queue, the
 // other the serial queues, so that these get a thread whatever the tasks of the first wait for.
 // Threads of the utility class have a lower CPU and I/O priority, which the children they launch
-// inherit.
+// inherit. Prompt tasks, of any class, have one thread in front of all.
 //
 // Destroying it waits for the tasks that are waiting or running and drops the delayed ones that are
 // not due. Not from one of its own tasks.
@@ -39,7 +39,7 @@ class LinuxWorkQueues : public WorkQueues {
   WorkQueue& prompt() override;
   std::shared_ptr<WorkGroup> makeGroup() override;
 
-  // The threads of both pools of a class.
+  // The threads of both pools of a class; the prompt one is of none.
   std::size_t threadCount(QOSClass qos) const;
 
  private:

@@ -14,13 +14,16 @@ namespace quillsift {
 // lowered thread can be raised again by a privileged process only.
 void setThreadSchedulingClass(QOSClass qos);
 
-// Puts the calling thread in front of the daemon's others and its children, for work that is short
-// and waited for by a person: the lowest real-time priority where the host allows it, for a fair
-// scheduler lets a running task finish its slice first, and dozens of busy children have many. Else
-// ten steps of niceness, or nothing. Threads and children that it starts are as others are.
-void setPromptScheduling();
+// Who comes first among threads whose work is short and waited for by a person.
+enum class Promptness { answers, service };
 
-// Puts a child of ours into the class, unless it has inherited just that from the calling thread.
+// Puts the calling thread in front of the daemon's others and its children: at the lowest real-time
+// priorities where the host allows it, for a fair scheduler lets a running task finish its slice
+// first, and dozens of busy children have many. Else ten steps of niceness, or nothing. Threads
+// that it starts are ordinary ones. No more than a thread or two may be like this.
+void setPromptScheduling(Promptness promptness);
+
+// Puts a child of ours into the class, unless it has inherited just that.
 void setChildSchedulingClass(pid_t child, QOSClass qos);
 
 }  // namespace quillsift

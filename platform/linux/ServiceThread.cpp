@@ -31,7 +31,7 @@ bool ServiceThread::start(QSError* error) {
   try {
     thread_ = std::thread([this] {
       ::pthread_setname_np(::pthread_self(), "service");
-      setPromptScheduling();
+      setPromptScheduling(Promptness::service);
       context_->run();
     });
   } catch (const std::system_error& failure) {

@@ -277,6 +277,19 @@ TEST_F(ClientTest, CollectChecksTheDestinationBeforeItCollects) {
 
 TEST_F(ClientTest, CollectWaitsForADaemonThatSavesByItself) {
   daemon_.jobs = {job("a", 4, 5)};
+  for (int i = 0; i < 20; ++i)
+    daemon_.then([] {});
+  thenFinishes();
+  savesWhenAsked();
+  EXPECT_EQ(run(Command::collect), 0) << errors_;
+  EXPECT_TRUE(
+      said("No job runs, and the session has not finished; perhaps the daemon is saving it "
+           "by itself. Waiting.\n"))
+      << output_;
+}
+
+TEST_F(ClientTest, CollectWaitsForADaemonThatDoesNotAnswerInTime) {
+  daemon_.jobs = {job("a", 4, 5)};
   daemon_.answerNext(wire::kQueryJobStatusInformation, [&](const auto&, QSError*) {
     daemon_.failNext(wire::kQueryJobStatusInformation, ETIMEDOUT);
     return std::vector<WireValue>{WireValue(WireArray{WireValue(job("a", 4, 5))}),

@@ -41,6 +41,19 @@ TEST_F(QSServiceClientTest, AnswersTheFirstStartWithTrueAndTheSecondWithFalse) {
   EXPECT_EQ(ask(*connection, wire::kStartQuillsift), std::vector<WireValue>{WireValue(false)});
 }
 
+TEST_F(QSServiceClientTest, OnlyQuestionsComeFirst) {
+  const auto connection = connect();
+  ask(*connection, wire::kQueryJobStatusInformation);
+  EXPECT_EQ(platform_.workQueues().promptTasks(), 1);
+  ask(*connection, wire::kStartQuillsift);
+  platform_.workQueues().drain();
+  ask(*connection, wire::kClearQuillsiftData);
+  connection->request(wire::kSaveQuillsift,
+                      {WireValue(output("x.tgz")), WireValue(true), WireValue(true)});
+  platform_.workQueues().drain();
+  EXPECT_EQ(platform_.workQueues().promptTasks(), 1);
+}
+
 TEST_F(QSServiceClientTest, CarriesOutARequestThatWantsNoReply) {
   const auto connection = connect();
   connection->request(wire::kStartQuillsift, {}, /*wantsReply=*/false);

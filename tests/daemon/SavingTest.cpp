@@ -1,5 +1,6 @@
 #include <atomic>
 #include <cerrno>
+#include <new>
 #include <optional>
 #include <set>
 #include <thread>
@@ -124,6 +125,7 @@ TEST_F(SavingTest, ASaveDoesNotClearTheSessionThatBeganWhileItRan) {
   // Before and after it has copied the list of jobs.
   for (const char* step : {"openForWriting", "renameAt"}) {
     runSession();
+    const std::string path = output(std::string(step) + ".tgz");
     platform_.outputFiles().onCall([&](const RecordingOutputFiles::Call& call) {
       if (call.operation != step) return;
       // A start that had waited for an earlier save just when this one took the lock.
@@ -131,10 +133,10 @@ TEST_F(SavingTest, ASaveDoesNotClearTheSessionThatBeganWhileItRan) {
       EXPECT_TRUE(start());
       daemon_->quillsiftSaveLock().lock();
     });
-    EXPECT_EQ(save(output("x.tgz")), true);
+    EXPECT_EQ(save(path), true);
     platform_.outputFiles().onCall({});
     platform_.workQueues().drain();
-    EXPECT_TRUE(std::filesystem::exists(output("x.tgz")));
+    EXPECT_TRUE(std::filesystem::exists(path));
     EXPECT_FALSE(daemon_->getCurrentJobInfosWithDate(nullptr).empty()) << step;
   }
 }
@@ -301,6 +303,22 @@ TEST_F(AutosaveTest, QuestionsAreAnsweredMeanwhileAndTheSessionIsNotYetFinished)
   EXPECT_EXIT(sessionSavesItself(), testing::ExitedWithCode(0), "");
 }
 
+TEST_F(AutosaveTest, ThatFailsOfMemoryLeavesAFinishedSession) {
+  const auto autosaveRunsOutOfMemory = [&] {
+    nameTheVolume();
+    platform_.outputFiles().onCall(
+        [](const RecordingOutputFiles::Call&) { throw std::bad_alloc(); });
+    runSession();
+    EXPECT_EQ(archives(), 0u);
+    EXPECT_TRUE(daemon_->lastDiagnoseFinishedDate());
+    EXPECT_FALSE(daemon_->currentlyTakingQuillsift());
+    EXPECT_FALSE(daemon_->quillsiftSaveLock().isHeld());
+    EXPECT_FALSE(daemon_->getCurrentJobInfosWithDate(nullptr).empty());
+    end();
+  };
+  EXPECT_EXIT(autosaveRunsOutOfMemory(), testing::ExitedWithCode(0), "");
+}
+
 TEST_F(AutosaveTest, WaitsForARunningSaveWithoutHinderingIt) {
   const auto sessionEndsDuringASave = [&] {
     nameTheVolume();
@@ -308,7 +326,7 @@ TEST_F(AutosaveTest, WaitsForARunningSaveWithoutHinderingIt) {
     daemon_->quillsiftSaveLock().lock();
     platform_.processLauncher().child(kEarlyProgram)->finish(0);
     waitForSaveWaiters(1);
-    EXPECT_FALSE(daemon_->getCurrentJobInfosWithDate(nullptr).empty());  // the lock is free
+    EXPECT_TRUE(daemon_->currentlyTakingQuillsift());  // the lock is free
     EXPECT_EQ(archives(), 0u);
     daemon_->quillsiftSaveLock().unlock();
     platform_.workQueues().drain();

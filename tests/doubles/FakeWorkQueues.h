@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstddef>
 #include <memory>
@@ -37,7 +38,12 @@ class FakeWorkQueues : public WorkQueues {
   std::shared_ptr<SerialQueue> makeSerialQueue(
       std::string label, QOSClass qos, std::shared_ptr<SerialQueue> target = nullptr) override;
   WorkQueue& global(QOSClass qos) override;
-  WorkQueue& prompt() override { return global(currentQOS()); }
+  // The concurrent queue of the caller's class; how often it was asked for is counted.
+  WorkQueue& prompt() override {
+    ++promptTasks_;
+    return global(currentQOS());
+  }
+  int promptTasks() const { return promptTasks_; }
   std::shared_ptr<WorkGroup> makeGroup() override;
 
   // Time since this was made.
@@ -81,6 +87,7 @@ class FakeWorkQueues : public WorkQueues {
   class Group;
 
   const std::shared_ptr<Core> core_;
+  std::atomic<int> promptTasks_ = 0;
 };
 
 }  // namespace quillsift

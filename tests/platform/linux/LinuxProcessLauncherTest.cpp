@@ -312,7 +312,7 @@ TEST_F(ChildClassTest, AChildMayHaveAnotherClassThanTheThreadThatLaunchesIt) {
 
 TEST_F(ChildClassTest, ChildrenOfAPromptThreadRunAsWeDo) {
   std::thread([this] {
-    setPromptScheduling();
+    setPromptScheduling(Promptness::service);
     EXPECT_EQ(policyOfChild(), SCHED_OTHER);
     EXPECT_EQ(niceOfChild(QOSClass::standard), ours_);
     EXPECT_EQ(niceOfChild(QOSClass::utility), std::min(ours_ + 5, 19));

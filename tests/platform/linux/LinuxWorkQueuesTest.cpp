@@ -24,7 +24,12 @@ bool comesFirst(int ours) {
 // Whether this host lets us raise a thread at all.
 bool mayRaiseThreads(int ours) {
   bool allowed = false;
-  std::thread([&] { allowed = ::setpriority(PRIO_PROCESS, 0, ours - 1) == 0; }).join();
+  std::thread([&] {
+    sched_param lowest{};
+    lowest.sched_priority = ::sched_get_priority_min(SCHED_RR);
+    allowed = ::sched_setscheduler(0, SCHED_RR, &lowest) == 0 ||
+              ::setpriority(PRIO_PROCESS, 0, ours - 1) == 0;
+  }).join();
   return allowed;
 }
 

@@ -16,8 +16,8 @@ class QSJob;
 //
 // Changed only under the variables lock, and so stable for whoever holds that. Read by anybody at
 // any time: a client's question does not wait for those who hold the lock, which can be minutes.
-// Its own mutex is a leaf, held for as long as it takes to copy the list.
-class JobTable {
+// Its own mutex comes before those of the jobs, and is never held while anything is waited for.
+class SessionJobs {
  public:
   using Jobs = std::vector<std::shared_ptr<QSJob>>;
 
@@ -29,7 +29,7 @@ class JobTable {
     const MutexLock lock(mutex_);
     dateFinished_ = date;
   }
-  // Empties the table and forgets the date; hands out the jobs.
+  // Empties the list and forgets the date; hands out the jobs.
   Jobs take() {
     const MutexLock lock(mutex_);
     dateFinished_.reset();
@@ -44,12 +44,25 @@ class JobTable {
     const MutexLock lock(mutex_);
     return dateFinished_;
   }
-  // The jobs, and to `dateFinished`, unless it is null, the date of the same moment.
-  Jobs jobs(std::optional<QSDate>* dateFinished = nullptr) const {
+  Jobs jobs() const {
     const MutexLock lock(mutex_);
-    if (dateFinished != nullptr) *dateFinished = dateFinished_;
     return jobs_;
   }
+  // `make` of every job, and to `dateFinished`, unless it is null, the date of the same moment. No
+  // job is kept beyond the call, so that it is never a question that lets go of a session's data.
+  template <typename Result>
+  std::vector<Result> each(Result (*make)(const QSJob& job),
+                           std::optional<QSDate>* dateFinished) const {
+    const MutexLock lock(mutex_);
+    std::vector<Result> results;
+    results.reserve(jobs_.size());
+    for (const auto& job : jobs_)
+      results.push_back(make(*job));
+    if (dateFinished != nullptr) *dateFinished = dateFinished_;
+    return results;
+  }
+  // Takes no memory.
+  void stopAll() const;
 
  private:
   mutable Mutex mutex_;
