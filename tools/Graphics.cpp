@@ -67,7 +67,7 @@ void showStates(Invocation& invocation, Report& report) {
   if (!names && (errno == EACCES || errno == EPERM)) report.notPermitted(kStates);
   for (const std::string& name : names.value_or(Names{})) {
     if (name.find_first_not_of("0123456789") == std::string::npos) {
-      showState(report, pathIn(directory, name) + "/state", std::string(kStates) + "/" + name);
+      showState(report, pathIn(directory, name) + "/state", pathIn(kStates, name));
     }
   }
 }

@@ -19,12 +19,6 @@
 #include "platform/linux/LostPageGuard.h"
 #include "tests/platform/linux/ScratchTree.h"
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define QUILLSIFT_SANITIZED 1
-#else
-#define QUILLSIFT_SANITIZED 0
-#endif
-
 namespace quillsift {
 namespace {
 
@@ -264,7 +258,7 @@ TEST_F(LostPageGuardTest, GuardsAsManyFilesAsThereIsRoomForAndRefusesMore) {
   EXPECT_TRUE(GuardedMapping::ofFile(file.get(), kLarge));
 }
 
-#if !QUILLSIFT_SANITIZED  // whose own memory needs mappings too
+#ifndef QUILLSIFT_SANITIZED  // whose own memory needs mappings too
 TEST_F(LostPageGuardTest, ReplacesAllOfAFileWhereTheProcessMayHaveNoMoreMappings) {
   const std::string path = makeFile(9 * kPage);
   const QSData data = mapped(path, 9 * kPage);
@@ -297,7 +291,7 @@ class LostPageGuardDeathTest : public LostPageGuardTest {
 };
 
 bool endedByBusError(int status) {
-#if QUILLSIFT_SANITIZED
+#ifdef QUILLSIFT_SANITIZED
   return WIFEXITED(status) && WEXITSTATUS(status) != 0;  // reported
 #else
   return WIFSIGNALED(status) && WTERMSIG(status) == SIGBUS;
@@ -397,7 +391,7 @@ TEST_F(LostPageGuardDeathTest, IgnoresASignalThatIsSentWhereItWasIgnoredBefore) 
       exitedWithSeven, "");
 }
 
-#if !QUILLSIFT_SANITIZED  // which would report the fault over and over
+#ifndef QUILLSIFT_SANITIZED  // which would report the fault over and over
 TEST_F(LostPageGuardDeathTest, EndsTheProcessForAFaultEvenWhereTheSignalWasIgnored) {
   EXPECT_EXIT(
       {
