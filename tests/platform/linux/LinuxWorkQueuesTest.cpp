@@ -9,29 +9,12 @@
 
 #include "platform/linux/LinuxWorkQueues.h"
 #include "tests/platform/linux/Gate.h"
+#include "tests/platform/linux/ThreadPriority.h"
 
 namespace quillsift {
 namespace {
 
 using namespace std::chrono_literals;
-
-// Whether the calling thread is in front of others that run as `ours`.
-bool comesFirst(int ours) {
-  return ::sched_getscheduler(0) == (SCHED_RR | SCHED_RESET_ON_FORK) ||
-         ::getpriority(PRIO_PROCESS, 0) < ours;
-}
-
-// Whether this host lets us raise a thread at all.
-bool mayRaiseThreads(int ours) {
-  bool allowed = false;
-  std::thread([&] {
-    sched_param lowest{};
-    lowest.sched_priority = ::sched_get_priority_min(SCHED_RR);
-    allowed = ::sched_setscheduler(0, SCHED_RR, &lowest) == 0 ||
-              ::setpriority(PRIO_PROCESS, 0, ours - 1) == 0;
-  }).join();
-  return allowed;
-}
 
 constexpr QOSClass kClasses[] = {QOSClass::utility, QOSClass::standard, QOSClass::userInitiated};
 
