@@ -1,7 +1,6 @@
 #include "tools/Host.h"
 
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <utility>
@@ -12,15 +11,8 @@ namespace quillsift::tools {
 
 namespace {
 
-bool isNullDevice(const struct stat& status) {
-  return S_ISCHR(status.st_mode) && status.st_rdev == makedev(1, 3);
-}
-
-bool isTrustedTree(const std::string& directory) {
-  struct stat status {};
-  if (::stat(directory.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) return false;
-  const bool ours = status.st_uid == 0 || status.st_uid == ::geteuid();
-  return ours && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+bool isTree(const std::string& directory) {
+  return !PlatformTree(directory).directory().empty();
 }
 
 }  // namespace
@@ -31,22 +23,16 @@ Host::Host(std::string treeDirectory)
 Host::Host(std::string root, std::vector<std::string> programDirectories, std::string treeDirectory)
     : root_(std::move(root)),
       programDirectories_(std::move(programDirectories)),
-      treeDirectory_(std::move(treeDirectory)) {}
+      tree_(std::move(treeDirectory)) {}
 
 std::string Host::path(std::string_view absolutePath) const {
   return root_ + std::string(absolutePath);
 }
 
 std::optional<std::string> Host::resolved(std::string_view planPath) const {
-  if (!treeDirectory_.empty()) {
-    const std::string inTree = treeDirectory_ + std::string(planPath);
-    struct stat status {};
-    if (::stat(inTree.c_str(), &status) == 0) {
-      if (isNullDevice(status)) return std::nullopt;
-      return inTree;
-    }
-  }
-  return path(planPath);
+  const std::string wanted(planPath);
+  const auto found = tree_.resolve(wanted);
+  return found == wanted ? path(planPath) : found;
 }
 
 std::optional<std::string> Host::program(std::string_view name) const {
@@ -65,12 +51,12 @@ std::string platformTreeOf(std::string_view startedPath, std::string_view planPa
                            std::string_view executable) {
   if (startedPath.size() > planPath.size() && startedPath.ends_with(planPath)) {
     std::string tree(startedPath.substr(0, startedPath.size() - planPath.size()));
-    if (isTrustedTree(tree)) return tree;
+    if (isTree(tree)) return tree;
   }
   const std::size_t slash = executable.rfind('/');
   if (slash != std::string_view::npos) {
     std::string tree = std::string(executable.substr(0, slash)) + "/platform";
-    if (isTrustedTree(tree)) return tree;
+    if (isTree(tree)) return tree;
   }
   return "";
 }

@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/linux/PlatformTree.h"
+
 namespace quillsift::tools {
 
 // Where this machine's files and programs are. The recipes name them by their usual absolute paths
@@ -20,12 +22,12 @@ class Host {
   // "/proc/cmdline" as it is to be opened.
   std::string path(std::string_view absolutePath) const;
 
-  // A path that the collection plan names: the tree's if the tree has it, else the machine's.
-  // None when the tree says that this system has no such thing (a link to /dev/null).
+  // A path that the collection plan names, as the daemon finds it: the tree's if the tree has it,
+  // else the machine's. None when the tree says that this system has no such thing.
   std::optional<std::string> resolved(std::string_view planPath) const;
 
   // The platform tree; empty when there is none.
-  const std::string& tree() const { return treeDirectory_; }
+  const std::string& tree() const { return tree_.directory(); }
 
   // The program of that name, from fixed directories: the caller's PATH is never asked, and the
   // platform tree's own programs are never found.
@@ -34,7 +36,7 @@ class Host {
  private:
   std::string root_;
   std::vector<std::string> programDirectories_;
-  std::string treeDirectory_;
+  PlatformTree tree_;
 };
 
 // The platform tree a program was started from: `startedPath` (what the kernel was asked to

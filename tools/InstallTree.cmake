@@ -14,7 +14,7 @@ set(QUILLSIFT_TREE_PROGRAMS
   System/Library/PrivateFrameworks/Glasswork.framework/Resources/paneinfo quillsift-paneinfo)
 
 # Path in the tree, and what stands there on this system. Some exist only on some machines: a link
-# that leads nowhere counts as no link.
+# that leads nowhere counts as no link, and the next one of its name ("@2") is tried.
 set(QUILLSIFT_TREE_LINKS
   # A directory that only root can enter. The service's unit makes it, else the daemon at its start.
   private/tmp                                      /run/quillsift/tmp
@@ -25,12 +25,19 @@ set(QUILLSIFT_TREE_LINKS
   System/Volumes/Hardware/stashlogd                /sys/fs/pstore
   # Where Debian's images mount the firmware's boot volume.
   System/Volumes/Keelboot                          /boot/firmware
+  System/Volumes/Keelboot@2                        /efi
   # Text reports of crashed programs; never the memory images themselves.
   Library/Logs/DiagnosticReports                   /var/log/quillsift/DiagnosticReports
   var/log/system.log                               /var/log/syslog
-  var/log/rescueos.log                             /var/log/boot.log
+  var/log/system.log@2                             /var/log/messages
+  # What the early system wrote about its own start, where that was asked for.
+  var/log/rescueos.log                             /run/initramfs/initramfs.debug
+  var/log/rescueos.log@2                           /run/initramfs/rdsosreport.txt
+  var/log/rescueos.log@3                           /var/log/boot.log
   var/log/migration.log                            /var/log/apt/history.log
+  # The check of the root file system, then those of all others.
   var/log/fsck_vellum.log                          /run/initramfs/fsck.log
+  var/log/fsck_vellum.log@2                        /var/log/fsck/checkroot
   var/log/fsck_strata.log                          /var/log/fsck/checkfs
   var/log/io.vantor.weft.herdkeeper/herdkeeper.log /var/log/daemon.log)
 

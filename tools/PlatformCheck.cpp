@@ -35,6 +35,18 @@ std::optional<std::string> linkIn(std::string path) {
   return std::string(target, static_cast<std::size_t>(length));
 }
 
+// Where the links for a path lead, in the order in which they are tried; empty if there are none.
+std::string linkTargets(const Host& host, const std::string& path) {
+  const std::string first = host.tree() + path;
+  std::string text;
+  std::string link = first;
+  for (unsigned number = 2; const auto target = linkIn(link); ++number) {
+    text += (text.empty() ? "" : ", ") + *target;
+    link = first + "@" + std::to_string(number);
+  }
+  return text;
+}
+
 std::string missingTools(const PlannedSource& source, const Host& host) {
   const std::string first = source.arguments.empty() ? "" : source.arguments.front();
   std::string text;
@@ -48,17 +60,19 @@ std::string missingTools(const PlannedSource& source, const Host& host) {
   return text;
 }
 
+bool isInTree(const std::string& path, const Host& host) {
+  return !host.tree().empty() && path.starts_with(host.tree() + "/");
+}
+
 Finding programFinding(const PlannedSource& source, const Host& host) {
   const auto found = host.resolved(source.path);
   if (!found) return {"none", "the tree says that this system has none"};
-  const std::string inTree = host.tree() + source.path;
-  if (!host.tree().empty() && *found == inTree) {
-    if (!isProgram(inTree)) return {"none", "what the tree has is no program", true};
+  if (isInTree(*found, host)) {
+    if (!isProgram(*found)) return {"none", "what the tree has is no program", true};
     return {"tree", missingTools(source, host)};
   }
-  if (const auto target = linkIn(inTree)) {
-    return {"none", "the tree's link leads nowhere: " + *target, true};
-  }
+  const std::string targets = linkTargets(host, source.path);
+  if (!targets.empty()) return {"none", "the tree's link leads nowhere: " + targets, true};
   if (isProgram(*found)) return {"host", "not in the tree: the host's program would run", true};
   return {"none", "not in the tree", true};
 }
@@ -66,11 +80,10 @@ Finding programFinding(const PlannedSource& source, const Host& host) {
 Finding fileFinding(const PlannedSource& source, const Host& host) {
   const auto found = host.resolved(source.path);
   if (!found) return {"none", "the tree says that this system has none"};
-  const std::string inTree = host.tree() + source.path;
-  if (!host.tree().empty() && *found == inTree) return {"tree", linkIn(inTree).value_or("")};
+  if (isInTree(*found, host)) return {"tree", linkIn(*found).value_or("")};
   if (exists(*found)) return {"host", source.path};
-  const auto target = linkIn(inTree);
-  return {"none", "no " + target.value_or(source.path)};
+  const std::string targets = linkTargets(host, source.path);
+  return {"none", "no " + (targets.empty() ? source.path : targets)};
 }
 
 Finding findingOf(const PlannedSource& source, const Host& host) {

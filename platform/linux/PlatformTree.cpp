@@ -4,8 +4,10 @@
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -59,6 +61,21 @@ bool isLinkToNullDevice(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 && isNullDevice(status);
 }
 
+bool isDanglingLink(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) &&
+         ::stat(path.c_str(), &status) != 0;
+}
+
+// The first link of that name that leads somewhere; `entry` itself where none does.
+std::string withFallBack(const std::string& entry) {
+  std::string candidate = entry;
+  for (unsigned number = 2; isDanglingLink(candidate); ++number)
+    candidate = entry + "@" + std::to_string(number);
+  struct stat status {};
+  return ::stat(candidate.c_str(), &status) == 0 ? candidate : entry;
+}
+
 }  // namespace
 
 PlatformTree::PlatformTree(std::string directory) {
@@ -80,7 +97,7 @@ std::optional<std::string> PlatformTree::resolve(const std::string& path) const 
   if (path.find('\0') != std::string::npos) return std::nullopt;
   const bool isRoot = withoutTrailingSlashes(path).empty();  // the tree lies over it, not at it
   if (directory_.empty() || isRoot || path.front() != '/' || hasParentComponent(path)) return path;
-  const std::string inTree = directory_ + path;
+  const std::string inTree = placeOf(path);
   struct stat status {};
   const bool found = ::stat(inTree.c_str(), &status) == 0;
   if (found && !isNullDevice(status)) return inTree;
@@ -96,6 +113,19 @@ std::optional<std::string> PlatformTree::resolveForCreation(const std::string& p
   const auto parent = resolve(std::string(trimmed.substr(0, slash)));
   if (!parent) return std::nullopt;
   return *parent + path.substr(slash);
+}
+
+std::string PlatformTree::placeOf(const std::string& path) const {
+  const std::string plain = directory_ + path;
+  struct stat status {};
+  if (::stat(plain.c_str(), &status) == 0) return plain;
+  std::string place = directory_;
+  for (std::size_t start = 0; start < path.size();) {
+    const std::size_t end = std::min(path.find('/', start + 1), path.size());
+    place = withFallBack(place + path.substr(start, end - start));
+    start = end;
+  }
+  return place;
 }
 
 bool PlatformTree::hides(const std::string& path) const {

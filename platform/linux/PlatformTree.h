@@ -12,6 +12,9 @@ namespace quillsift {
 // What is in the tree wins, its links followed; a dangling or looping link counts as not there, and
 // the host's path is used. A link to /dev/null says that this system has no such thing: the host is
 // not asked. A directory in the tree hides the host's one as a whole when it is listed.
+//
+// A link can have others to fall back on: where "boot.log" leads nowhere, "boot.log@2" is tried,
+// and so on for as long as there is a next one.
 class PlatformTree {
  public:
   // The tree counts only if it belongs to root or to this process's user and nobody else can write
@@ -35,6 +38,8 @@ class PlatformTree {
   std::optional<std::string> resolveForCreation(const std::string& path) const;
 
  private:
+  // Where `path` stands in the tree, whether or not it exists.
+  std::string placeOf(const std::string& path) const;
   // Whether a link to /dev/null stands at `path` below the tree or at one of its parents.
   bool hides(const std::string& path) const;
 

@@ -106,6 +106,19 @@ TEST_F(PlatformCheckTest, TellsWhereALogComesFrom) {
                            "daemon  own.txt\n");
 }
 
+TEST_F(PlatformCheckTest, TellsWhichOfSeveralSourcesIsThere) {
+  const PlannedSource source{"file", "rescueos.log", "/var/log/rescueos.log", {}};
+  machine_.treeLink(source.path, machine_.root() + "/run/initramfs.debug");
+  machine_.treeLink(source.path + "@2", machine_.root() + "/var/log/boot.log");
+  EXPECT_EQ(check(source), 0);
+  machine_.file("/var/log/boot.log", "");
+  EXPECT_EQ(check(source), 0);
+  const std::string line = "rescueos.log  /var/log/rescueos.log  [";
+  EXPECT_EQ(printed(), "none    " + line + "no " + machine_.root() + "/run/initramfs.debug, " +
+                           machine_.root() + "/var/log/boot.log]\n" + "tree    " + line +
+                           machine_.root() + "/var/log/boot.log]\n");
+}
+
 // A listing says at its end what was not installed: all of that must be among the needs.
 TEST(HostNeedsTest, HoldEveryProgramThatAListingMisses) {
   ScratchMachine machine;

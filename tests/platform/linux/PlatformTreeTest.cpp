@@ -61,6 +61,42 @@ TEST(PlatformTreeTest, CountsALoopOfLinksAsAbsent) {
   EXPECT_EQ(scratch.tree()->resolve("/etc/passwd"), "/etc/passwd");
 }
 
+TEST(PlatformTreeTest, FallsBackOnTheNextLinkOfThatName) {
+  const ScratchTree scratch;
+  const ScratchTree elsewhere;
+  const std::string log = elsewhere.write("boot.log", "log");
+  scratch.link("var/log/rescue.log", elsewhere.at("first"));
+  scratch.link("var/log/rescue.log@2", elsewhere.at("second"));
+  const std::string third = scratch.link("var/log/rescue.log@3", log);
+  EXPECT_EQ(scratch.tree()->resolve("/var/log/rescue.log"), third);
+
+  elsewhere.write("first", "better");
+  EXPECT_EQ(scratch.tree()->resolve("/var/log/rescue.log"), scratch.at("var/log/rescue.log"));
+}
+
+TEST(PlatformTreeTest, FallsBackAlsoForWhatIsBelowALink) {
+  const ScratchTree scratch;
+  const ScratchTree elsewhere;
+  elsewhere.write("start/kernel", "k");
+  scratch.link("Volumes/Boot", elsewhere.at("nothing"));
+  const std::string second = scratch.link("Volumes/Boot@2", elsewhere.directory());
+  EXPECT_EQ(scratch.tree()->resolve("/Volumes/Boot"), second);
+  EXPECT_EQ(scratch.tree()->resolve("/Volumes/Boot/start/kernel"), second + "/start/kernel");
+  EXPECT_EQ(scratch.tree()->resolve("/Volumes/Boot/start/gone"), "/Volumes/Boot/start/gone");
+  EXPECT_EQ(scratch.tree()->resolve("/Volumes/Boot/"), second + "/");
+}
+
+TEST(PlatformTreeTest, FallsBackOnLinksOnlyAndOnNothingAfterAGap) {
+  const ScratchTree scratch;
+  const ScratchTree elsewhere;
+  const std::string log = elsewhere.write("log", "log");
+  scratch.link("etc/plain@2", log);  // no link that it could stand in for
+  scratch.link("etc/gap", elsewhere.at("first"));
+  scratch.link("etc/gap@3", log);
+  EXPECT_EQ(scratch.tree()->resolve("/etc/plain"), "/etc/plain");
+  EXPECT_EQ(scratch.tree()->resolve("/etc/gap"), "/etc/gap");
+}
+
 TEST(PlatformTreeTest, HidesAHostFileBehindALinkToTheNullDevice) {
   const ScratchTree scratch;
   scratch.link("etc/passwd", "/dev/null");
