@@ -1,6 +1,6 @@
 #include "client/ExitCode.h"
 
-#include <system_error>
+#include "platform/Text.h"
 
 namespace quillsift {
 
@@ -20,7 +20,7 @@ Ending endingOf(const ServiceError& error) {
 }
 
 std::string outputFailureText(int error) {
-  return "cannot write to standard output: " + std::generic_category().message(error);
+  return "cannot write to standard output: " + systemErrorText(error);
 }
 
 }  // namespace quillsift

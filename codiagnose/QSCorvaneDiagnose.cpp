@@ -1,6 +1,5 @@
 #include "codiagnose/QSCorvaneDiagnose.h"
 
-#include <system_error>
 #include <utility>
 
 #include "codiagnose/QSCorvaneDiagnoseError.h"
@@ -193,8 +192,8 @@ void QSCorvaneDiagnose::endTransfer(int error) {
   gathering_ = false;
   archiveValid_ = error == 0;
   if (error == 0) return;
-  log(kLogWarning, "QSCorvaneDiagnose: weft_file_transfer_write_to_fd failed. " +
-                       std::generic_category().message(error));
+  log(kLogWarning,
+      "QSCorvaneDiagnose: weft_file_transfer_write_to_fd failed. " + systemErrorText(error));
 }
 
 template <typename Value>

@@ -4,7 +4,6 @@
 #include <memory>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "collect/CollectionPlan.h"
@@ -49,7 +48,7 @@ int queueMember(const CollectionSession& session, const PlanRow& row, int descri
   if (!handle || !handle->readMetadata(&metadata)) {
     const int code = errno;
     logToSystem(kLogError, "Failed to fstat file descriptor from LogArchiveBuild: %s",
-                std::generic_category().message(code).c_str());
+                systemErrorText(code).c_str());
     return code;
   }
   if (std::string_view(path) == "." || metadata.objectType == kDirectoryType) return 0;

@@ -7,10 +7,10 @@
 #include <limits>
 #include <memory>
 #include <string>
-#include <system_error>
 
 #include "host/QSLog.h"
 #include "platform/Platform.h"
+#include "platform/Text.h"
 
 namespace quillsift {
 
@@ -51,10 +51,6 @@ struct Buffer {
   bool hasWrapped() const { return bytes.get()[kWrappedOffset] != 0; }
 };
 
-std::string errorText(int code) {
-  return std::generic_category().message(code);
-}
-
 // The functions below return 0 or why they failed, as an errno value.
 
 // How much memory to make room for.
@@ -65,7 +61,7 @@ int askForSize(std::size_t* size) {
                                                          sizeof zero) != 0) {
     const int code = errno;
     QSLog(kLogError, 1, "%s: Couldn't obtain preoslog buffer size, result %s", kSignature,
-          errorText(code).c_str());
+          systemErrorText(code).c_str());
     return code;
   }
   if (*size < kHeaderSize) {
@@ -98,7 +94,7 @@ int read(Buffer* buffer) {
                                                          &buffer->size, nullptr, 0) != 0) {
     const int code = errno;
     QSLog(kLogError, 1, "%s: Couldn't obtain preoslog buffer, sysctl failed with result %s",
-          kSignature, errorText(code).c_str());
+          kSignature, systemErrorText(code).c_str());
     return code;
   }
   std::memset(buffer->bytes.get() + buffer->size, 0, kSlack);

@@ -31,8 +31,8 @@ QSError posixError(int code, std::string description) {
 // That `what` could not be done to a process, for the reason in errno.
 QSError signalError(const char* what, pid_t process) {
   const int code = errno;
-  return posixError(code,
-                    formatted("Failed to %s process %d: %s", what, process, std::strerror(code)));
+  return posixError(
+      code, formatted("Failed to %s process %d: %s", what, process, systemErrorText(code).c_str()));
 }
 
 bool grow(std::vector<char>* buffer, std::size_t length) {

@@ -29,12 +29,6 @@ constexpr const char* kLogFile = "ostra.log";
 constexpr std::size_t kLongestName = 1024;
 constexpr std::uint32_t kRegularFile = 1;  // an object type
 
-std::optional<std::string> textProperty(RegistryObject& object, const std::string& name) {
-  const auto value = object.property(name);
-  const auto* text = value ? std::get_if<std::string>(&*value) : nullptr;
-  return text == nullptr ? std::nullopt : std::optional(*text);
-}
-
 // The name as the table has it: nothing is put before a relative one.
 std::optional<std::string> mountPointOfDevice(const std::string& device) {
   for (const MountTableEntry& entry : Platform::current().mounts->table()) {

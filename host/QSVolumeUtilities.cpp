@@ -6,13 +6,13 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <system_error>
 #include <utility>
 #include <variant>
 
 #include "host/QSLog.h"
 #include "platform/Platform.h"
 #include "platform/QSUUID.h"
+#include "platform/Text.h"
 
 namespace quillsift {
 
@@ -33,18 +33,6 @@ constexpr std::size_t kRecordModeOffset = 16;       // 16 bits, value 1
 constexpr std::size_t kRecordUserOffset = 324;      // 32 bits
 constexpr std::size_t kRecordGroupOffset = 328;     // 32 bits
 constexpr std::uint16_t kRecordMode = 1;
-
-std::string errorText(int code) {
-  return std::generic_category().message(code);
-}
-
-std::optional<std::string> textProperty(RegistryObject& object, const std::string& name) {
-  const auto value = object.property(name);
-  if (!value) return std::nullopt;
-  const auto* text = std::get_if<std::string>(&*value);
-  if (text == nullptr) return std::nullopt;
-  return *text;
-}
 
 std::string devicePath(const std::string& bsdName) {
   return ("/dev/" + bsdName).substr(0, kPathFieldSize - 1);
@@ -83,14 +71,14 @@ std::optional<std::string> mountInNewDirectory(const std::string& bsdName) {
   if (!Platform::current().mounts->makeDirectory(directory, kMountDirectoryMode)) {
     const int code = errno;
     QSLog(kLogError, 1, "MountPointForVellumVolumeUUID: Failed to mkdir('%s'). %s",
-          directory.c_str(), errorText(code).c_str());
+          directory.c_str(), systemErrorText(code).c_str());
     return std::nullopt;
   }
   const std::string device = devicePath(bsdName);
   if (!mountDevice(device, directory)) {
     const int code = errno;
     QSLog(kLogError, 1, "MountPointForVellumVolumeUUID: Failed to mount('%s') onto '%s'. %s",
-          device.c_str(), directory.c_str(), errorText(code).c_str());
+          device.c_str(), directory.c_str(), systemErrorText(code).c_str());
     return std::nullopt;
   }
   return directory;

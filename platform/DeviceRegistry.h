@@ -4,6 +4,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <variant>
 
 #include "platform/QSData.h"
@@ -20,6 +21,13 @@ class RegistryObject {
   // None when the object has no such property or is gone.
   virtual std::optional<RegistryValue> property(const std::string& name) = 0;
 };
+
+// A property that is text; none also when it is something else.
+inline std::optional<std::string> textProperty(RegistryObject& object, const std::string& name) {
+  auto value = object.property(name);
+  auto* const text = value ? std::get_if<std::string>(&*value) : nullptr;
+  return text == nullptr ? std::nullopt : std::optional(std::move(*text));
+}
 
 // What to look for: all objects of a class, or those of them with one property of this value.
 struct RegistryMatch {

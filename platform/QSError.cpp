@@ -1,7 +1,8 @@
 #include "platform/QSError.h"
 
-#include <system_error>
 #include <utility>
+
+#include "platform/Text.h"
 
 namespace quillsift {
 
@@ -18,7 +19,7 @@ QSError QSError::posix(int code, std::optional<std::string> filePath) {
   QSError error;
   error.domain = kPOSIXErrorDomain;
   error.code = code;
-  error.localizedDescription = std::generic_category().message(code);
+  error.localizedDescription = systemErrorText(code);
   error.filePath = std::move(filePath);
   return error;
 }

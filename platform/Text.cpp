@@ -3,6 +3,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <system_error>
 
 #include "platform/QSDate.h"
 #include "platform/QSError.h"
@@ -64,6 +65,10 @@ std::string formatted(const char* format, ...) {
   }
   va_end(again);
   return text;
+}
+
+std::string systemErrorText(int code) {
+  return std::generic_category().message(code);
 }
 
 std::string validUTF8(std::string_view text) {

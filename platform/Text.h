@@ -19,6 +19,9 @@ std::string orNull(const std::optional<QSDate>& date);
 // printf formatting into a string.
 [[gnu::format(printf, 1, 2)]] std::string formatted(const char* format, ...);
 
+// The host's words for an errno value. Any thread.
+std::string systemErrorText(int code);
+
 // `text` with every byte that is not part of valid UTF-8 replaced by U+FFFD. For names from disk
 // that become text of ours; the path that is opened keeps its bytes.
 std::string validUTF8(std::string_view text);

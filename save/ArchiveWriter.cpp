@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <exception>
 #include <memory>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -22,10 +21,6 @@ namespace {
 // Stands where a rename takes its target directory. Without effect, since paths are absolute; a
 // relative one fails there.
 constexpr int kTargetDirectory = 4;
-
-std::string errorText(int number) {
-  return std::generic_category().message(number);
-}
 
 // Errors of a flush that mean lost data, not a file that cannot be flushed.
 bool meansLostData(int number) {
@@ -107,11 +102,11 @@ class ArchiveSave {
   bool completeTemporaryFile() {
     // A longer file of an earlier attempt was written over; what is left of it goes only now.
     if (!files_.truncateAtPosition(descriptor_.get())) {
-      logFailure("Failed to truncate", errorText(errno));
+      logFailure("Failed to truncate", systemErrorText(errno));
       return false;
     }
     if (!files_.flush(descriptor_.get()) && meansLostData(errno)) {
-      logFailure("Failed to flush", errorText(errno));
+      logFailure("Failed to flush", systemErrorText(errno));
       return false;
     }
     return true;
@@ -121,7 +116,7 @@ class ArchiveSave {
     const int archive = descriptor_.get();
     if (!files_.leadsToFile(paths_.temporary, archive) ||
         !files_.renameAt(archive, paths_.temporary, kTargetDirectory, paths_.final)) {
-      const std::string reason = errorText(errno);
+      const std::string reason = systemErrorText(errno);
       logError(formatted("Failed to renameat '%s' to '%s'. %s", paths_.temporary.c_str(),
                          paths_.final.c_str(), reason.c_str()));
       return false;

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdint>
 #include <limits>
-#include <system_error>
 
 #include "jobs/QSTime.h"
 #include "platform/Text.h"
@@ -97,7 +96,7 @@ std::string PaxArchive::errorText() const {
   const char* const what = archive_error_string(archive_.get());
   const int number = archive_errno(archive_.get());
   std::string text = what ? what : "Failed";
-  if (number > 0) text += ": " + std::generic_category().message(number);
+  if (number > 0) text += ": " + systemErrorText(number);
   return text;
 }
 

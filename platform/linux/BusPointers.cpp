@@ -13,4 +13,8 @@ void BusMessageDeleter::operator()(sd_bus_message* message) const {
   sd_bus_message_unref(message);
 }
 
+void BusSlotDeleter::operator()(sd_bus_slot* slot) const {
+  sd_bus_slot_unref(slot);
+}
+
 }  // namespace quillsift

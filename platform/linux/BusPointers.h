@@ -4,6 +4,7 @@
 
 struct sd_bus;
 struct sd_bus_message;
+struct sd_bus_slot;
 
 namespace quillsift {
 
@@ -19,7 +20,13 @@ struct BusMessageDeleter {
   void operator()(sd_bus_message* message) const;
 };
 
+// Ends what the slot stands for: a wait for an answer, a rule of what to hear.
+struct BusSlotDeleter {
+  void operator()(sd_bus_slot* slot) const;
+};
+
 using BusPointer = std::unique_ptr<sd_bus, BusDeleter>;
 using BusMessagePointer = std::unique_ptr<sd_bus_message, BusMessageDeleter>;
+using BusSlotPointer = std::unique_ptr<sd_bus_slot, BusSlotDeleter>;
 
 }  // namespace quillsift

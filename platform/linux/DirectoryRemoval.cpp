@@ -6,12 +6,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "platform/linux/DirectoryStream.h"
 #include "platform/linux/DirectoryWalk.h"
 
 namespace quillsift {
@@ -21,14 +21,10 @@ namespace {
 // Directories that are held open at a time: the lowest ones.
 constexpr std::size_t kMostOpen = 32;
 
-struct StreamCloser {
-  void operator()(DIR* stream) const { ::closedir(stream); }
-};
-
 std::vector<std::string> entriesOf(int directory) {
   std::vector<std::string> names;
   FileDescriptor copy(::fcntl(directory, F_DUPFD_CLOEXEC, 0));
-  const std::unique_ptr<DIR, StreamCloser> stream(copy.valid() ? ::fdopendir(copy.get()) : nullptr);
+  const DirectoryStream stream(copy.valid() ? ::fdopendir(copy.get()) : nullptr);
   if (!stream) return names;
   (void)copy.release();
   while (const dirent* entry = ::readdir(stream.get())) {

@@ -7,7 +7,6 @@
 #include <cerrno>
 #include <cinttypes>
 #include <limits>
-#include <system_error>
 #include <utility>
 
 #include "platform/Text.h"
@@ -81,10 +80,6 @@ std::int64_t sizeOf(const JournalFile& file) {
   return ::fstat(file.descriptor.get(), &status) == 0 ? status.st_size : 0;
 }
 
-std::string errorText(int code) {
-  return std::generic_category().message(code);
-}
-
 // Warns of damage and returns how many entries the files should hold.
 std::uint64_t inspect(const std::vector<JournalFile>& files,
                       const JournalExport::Warning& warning) {
@@ -128,13 +123,13 @@ int JournalExport::read(const std::vector<std::string>& directories, const Warni
   std::vector<JournalFile> files =
       openJournalFiles(directories, [&](const std::string& path, int code) {
         if (firstFailure == 0) firstFailure = code;
-        warning(path + " cannot be read: " + errorText(code));
+        warning(path + " cannot be read: " + systemErrorText(code));
       });
   std::erase_if(files, [&](const JournalFile& file) {
     const int code = JournalReader::whyUnreadable(file);
     if (code == 0) return false;
     if (firstFailure == 0) firstFailure = code;
-    warning(file.path + " cannot be read as a journal: " + errorText(code));
+    warning(file.path + " cannot be read as a journal: " + systemErrorText(code));
     return true;
   });
   if (files.empty()) return firstFailure == 0 ? ENOENT : firstFailure;
@@ -164,7 +159,7 @@ void JournalExport::readEntries(JournalReader& journal, std::uint64_t expected,
     ++count;
     if (!add(entry)) return;
   }
-  if (result < 0) warning("Reading the journal ended early: " + errorText(-result));
+  if (result < 0) warning("Reading the journal ended early: " + systemErrorText(-result));
   if (count < expected) {
     warning(formatted("%" PRIu64 " of %" PRIu64 " journal entries were not found", expected - count,
                       expected));

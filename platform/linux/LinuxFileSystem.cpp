@@ -8,20 +8,17 @@
 #include <string_view>
 #include <utility>
 
+#include "platform/linux/DirectoryStream.h"
 #include "platform/linux/LinuxFileHandle.h"
 
 namespace quillsift {
 
 namespace {
 
-struct DirectoryCloser {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-
-std::unique_ptr<DIR, DirectoryCloser> openDirectory(const std::string& path) {
+DirectoryStream openDirectory(const std::string& path) {
   FileDescriptor descriptor(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOCTTY | O_CLOEXEC));
   if (!descriptor.valid()) return nullptr;
-  std::unique_ptr<DIR, DirectoryCloser> directory(::fdopendir(descriptor.get()));
+  DirectoryStream directory(::fdopendir(descriptor.get()));
   if (directory) (void)descriptor.release();
   return directory;
 }

@@ -8,12 +8,11 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 #include "platform/FileDescriptor.h"
 #include "platform/Text.h"
+#include "platform/linux/BackgroundThread.h"
 #include "platform/linux/ChildSpawning.h"
 #include "platform/linux/Deadline.h"
 #include "platform/linux/JournalExportMessages.h"
@@ -64,7 +63,7 @@ void dismiss(std::shared_ptr<LinuxChildProcess> child, int socket) {
     if (errno == 0) return;  // its end is closed: it is gone, and the last reference reaps it
     break;
   }
-  std::thread([child = std::move(child)]() mutable { child.reset(); }).detach();
+  (void)startBackgroundThread([child = std::move(child)]() mutable { child.reset(); });
 }
 
 // One conversation with the child, until it has said its last word.
@@ -84,7 +83,7 @@ class Conversation {
       const auto message = receiveJournalExportMessage(socket_);
       if (!message) {
         const int code = errno == 0 ? EIO : errno;
-        warning_(("Reading the journal failed: " + std::generic_category().message(code)).c_str());
+        warning_(("Reading the journal failed: " + systemErrorText(code)).c_str());
         return code;
       }
       if (message->kind == Kind::end) return std::atoi(message->text.c_str());
@@ -142,18 +141,18 @@ int LinuxLogArchiveBuilder::build(const std::map<std::string, LogKindLimits>& li
   const FileDescriptor ours(ends[0]);
   FileDescriptor theirs(ends[1]);
   // Reaps the child however we leave.
-  const auto process = std::make_shared<LinuxChildProcess>(FileDescriptor());
+  auto process = std::make_shared<LinuxChildProcess>(FileDescriptor());
   pid_t child = 0;
   const int code = spawnChild(program_, request, theirs.get(), &child);
   theirs.reset();
   if (code != 0) {
-    warning(("Cannot start " + program_ + ": " + std::generic_category().message(code)).c_str());
+    warning(("Cannot start " + program_ + ": " + systemErrorText(code)).c_str());
     return code;
   }
   process->adopt(child);
   setChildSchedulingClass(child, request.qos);
   const int result = Conversation(ours.get(), warning, member).run(deadlineAfter(limits_.whole));
-  dismiss(process, ours.get());
+  dismiss(std::move(process), ours.get());
   return result;
 }
 

@@ -13,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/linux/DirectoryStream.h"
 #include "platform/linux/FileReading.h"
 #include "platform/linux/KernelEventSocket.h"
 
@@ -23,13 +24,9 @@ namespace {
 constexpr const char* kBuses[] = {"/sys/bus/usb/devices", "/sys/bus/thunderbolt/devices"};
 constexpr std::string_view kSubsystems[] = {"usb", "thunderbolt"};
 
-struct DirectoryCloser {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
-
 // The names in a directory, in order; none when it cannot be read.
 std::optional<std::vector<std::string>> namesIn(const std::string& path) {
-  const std::unique_ptr<DIR, DirectoryCloser> directory(::opendir(path.c_str()));
+  const DirectoryStream directory(::opendir(path.c_str()));
   if (!directory) return std::nullopt;
   std::vector<std::string> names;
   while (const dirent* entry = ::readdir(directory.get())) {

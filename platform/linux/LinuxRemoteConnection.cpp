@@ -7,11 +7,11 @@
 #include <atomic>
 #include <cerrno>
 #include <deque>
-#include <system_error>
 #include <utility>
 #include <vector>
 
 #include "platform/Mutex.h"
+#include "platform/Text.h"
 #include "platform/linux/BackgroundThread.h"
 #include "platform/linux/BusMarshalling.h"
 #include "platform/linux/RemoteDeviceBus.h"
@@ -26,9 +26,7 @@ namespace {
 constexpr int kWaitingEvents = 16;
 
 RemoteEvent errorEvent(int error) {
-  return {.kind = RemoteEvent::Kind::error,
-          .dictionary = {},
-          .text = std::generic_category().message(error)};
+  return {.kind = RemoteEvent::Kind::error, .dictionary = {}, .text = systemErrorText(error)};
 }
 
 }  // namespace

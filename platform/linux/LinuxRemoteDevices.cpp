@@ -8,6 +8,7 @@
 #include <memory>
 #include <utility>
 
+#include "platform/linux/DirectoryStream.h"
 #include "platform/linux/LinuxPipe.h"
 #include "platform/linux/LinuxRemoteDevice.h"
 #include "platform/linux/PlatformTree.h"
@@ -15,10 +16,6 @@
 namespace quillsift {
 
 namespace {
-
-struct DirectoryCloser {
-  void operator()(DIR* directory) const { ::closedir(directory); }
-};
 
 bool isOurs(const struct stat& status) {
   return status.st_uid == 0 || status.st_uid == ::geteuid();
@@ -57,7 +54,7 @@ std::shared_ptr<RemoteDevice> LinuxRemoteDevices::uniqueDevice(std::uint32_t typ
   const std::string path = tree_->resolve(kRemoteDevicesDirectory).value_or("");
   FileDescriptor opened(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!opened.valid() || !canBeTrusted(opened.get())) return nullptr;
-  const std::unique_ptr<DIR, DirectoryCloser> directory(::fdopendir(opened.get()));
+  const DirectoryStream directory(::fdopendir(opened.get()));
   if (!directory) return nullptr;
   (void)opened.release();
   std::string name = firstDevice(directory.get());

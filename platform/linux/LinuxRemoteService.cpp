@@ -9,6 +9,7 @@
 
 #include "platform/linux/BusMarshalling.h"
 #include "platform/linux/BusObjects.h"
+#include "platform/linux/BusPointers.h"
 
 namespace quillsift {
 
@@ -28,10 +29,6 @@ struct Answer {
     static_cast<Answer*>(answer)->message.reset(sd_bus_message_ref(message));
     return 1;
   }
-};
-
-struct SlotDeleter {
-  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
 };
 
 std::chrono::steady_clock::time_point deadlineAfter(nanoseconds limit) {
@@ -165,7 +162,7 @@ int LinuxRemoteService::waitForAnswer(sd_bus_message* request, Clock::time_point
   sd_bus_slot* slot = nullptr;
   int result = sd_bus_call_async(bus_.get(), &slot, request, &Answer::keep, &kept,
                                  std::numeric_limits<std::uint64_t>::max());
-  const std::unique_ptr<sd_bus_slot, SlotDeleter> cancelledAtTheEnd(slot);
+  const BusSlotPointer cancelledAtTheEnd(slot);
   while (result >= 0) {
     result = process();
     if (result < 0 || kept.message) break;

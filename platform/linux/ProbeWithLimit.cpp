@@ -2,10 +2,11 @@
 
 #include <exception>
 #include <map>
-#include <thread>
+#include <new>
 #include <utility>
 
 #include "platform/Mutex.h"
+#include "platform/linux/BackgroundThread.h"
 #include "platform/linux/Deadline.h"
 
 namespace quillsift {
@@ -40,23 +41,25 @@ ProbeWithLimit::ProbeWithLimit(Probe probe, std::chrono::nanoseconds limit)
 
 std::shared_ptr<ProbeWithLimit::Look> ProbeWithLimit::join(const std::string& path) {
   MutexLock lock(looks_->mutex);
-  auto& look = looks_->underWay[path];
-  if (look) return look;
-  look = std::make_shared<Look>(Look{.deadline = deadlineAfter(limit_), .result = {}});
+  const auto known = looks_->underWay.find(path);
+  if (known != looks_->underWay.end()) return known->second;
+  const auto look = std::make_shared<Look>(Look{.deadline = deadlineAfter(limit_), .result = {}});
+  bool started = false;
   try {
-    std::thread([probe = probe_, path, look = look, looks = looks_] {
+    looks_->underWay.emplace(path, look);
+    started = startBackgroundThread([probe = probe_, path, look, looks = looks_] {
       auto result = resultOf(probe, path);
       MutexLock finishing(looks->mutex);
       look->result = std::move(result);
       look->done = true;
       looks->underWay.erase(path);
       looks->someDone.notify_all();
-    }).detach();
-  } catch (const std::exception&) {  // no thread, or no memory
-    looks_->underWay.erase(path);
-    return nullptr;
+    });
+  } catch (const std::bad_alloc&) {
   }
-  return look;
+  if (started) return look;
+  looks_->underWay.erase(path);
+  return nullptr;
 }
 
 std::optional<VolumeFacts> ProbeWithLimit::operator()(const std::string& path) {

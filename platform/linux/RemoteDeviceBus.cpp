@@ -6,8 +6,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <memory>
 #include <utility>
+
+#include "platform/linux/BusPointers.h"
 
 namespace quillsift {
 
@@ -15,10 +16,6 @@ namespace {
 
 // The library answers what a device asks, whether that reads the answers or not.
 constexpr std::uint64_t kMostUnreadAnswers = 64;
-
-struct SlotDeleter {
-  void operator()(sd_bus_slot* slot) const { sd_bus_slot_unref(slot); }
-};
 
 struct Answer {
   BusMessagePointer message;
@@ -72,7 +69,7 @@ BusMessagePointer askRemote(sd_bus* bus, const RemoteQuestion& question, RemoteD
   const int result = sd_bus_call_method_async(
       bus, &slot, nullptr, question.path.c_str(), question.interface.c_str(),
       question.member.c_str(), &Answer::keep, &answer, "s", question.argument.c_str());
-  const std::unique_ptr<sd_bus_slot, SlotDeleter> forgottenAtTheEnd(slot);
+  const BusSlotPointer forgottenAtTheEnd(slot);
   while (result >= 0 && !answer.message && go(bus, deadline)) {
   }
   const bool answered =

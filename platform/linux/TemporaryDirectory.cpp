@@ -6,7 +6,8 @@
 #include <array>
 #include <cerrno>
 #include <climits>
-#include <system_error>
+
+#include "platform/Text.h"
 
 namespace quillsift {
 
@@ -35,8 +36,7 @@ std::string makeTemporaryDirectory(const PlatformTree& tree) {
     (void)::mkdir(directory.substr(0, slash).c_str(),
                   0755);  // there already, or the last one fails
   if (::mkdir(directory.c_str(), 0700) == 0) return "";
-  return "Cannot make the directory " + directory + ": " + std::generic_category().message(errno) +
-         ".";
+  return "Cannot make the directory " + directory + ": " + systemErrorText(errno) + ".";
 }
 
 }  // namespace quillsift
