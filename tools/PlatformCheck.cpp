@@ -37,7 +37,10 @@ std::optional<std::string> linkIn(std::string path) {
 
 // Where the links for a path lead, in the order in which they are tried; empty if there are none.
 std::string linkTargets(const Host& host, const std::string& path) {
-  const std::string first = host.tree() + path;
+  if (host.tree().empty()) return "";
+  std::string first = host.tree() + path;
+  while (first.ends_with('/'))
+    first.pop_back();
   std::string text;
   std::string link = first;
   for (unsigned number = 2; const auto target = linkIn(link); ++number) {

@@ -9,7 +9,6 @@
 #include <cerrno>
 #include <string>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "platform/Text.h"
@@ -32,7 +31,7 @@ std::string_view withoutTrailingSlashes(std::string_view path) {
 std::string distrust(const std::string& directory) {
   struct stat status {};
   if (::stat(directory.c_str(), &status) != 0) {
-    return errno == ENOENT || errno == ENOTDIR ? "" : std::generic_category().message(errno);
+    return errno == ENOENT || errno == ENOTDIR ? "" : systemErrorText(errno);
   }
   if (!S_ISDIR(status.st_mode)) return "it is not a directory";
   if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
@@ -61,19 +60,20 @@ bool isLinkToNullDevice(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 && isNullDevice(status);
 }
 
-bool isDanglingLink(const std::string& path) {
+// One that leads to the null device says something, whether or not /dev is there yet.
+bool leadsNowhere(const std::string& path) {
   struct stat status {};
   return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) &&
-         ::stat(path.c_str(), &status) != 0;
+         ::stat(path.c_str(), &status) != 0 && !isLinkToNullDevice(path);
 }
 
 // The first link of that name that leads somewhere; `entry` itself where none does.
 std::string withFallBack(const std::string& entry) {
   std::string candidate = entry;
-  for (unsigned number = 2; isDanglingLink(candidate); ++number)
+  for (unsigned number = 2; leadsNowhere(candidate); ++number)
     candidate = entry + "@" + std::to_string(number);
   struct stat status {};
-  return ::stat(candidate.c_str(), &status) == 0 ? candidate : entry;
+  return ::lstat(candidate.c_str(), &status) == 0 ? candidate : entry;
 }
 
 }  // namespace
@@ -129,13 +129,16 @@ std::string PlatformTree::placeOf(const std::string& path) const {
 }
 
 bool PlatformTree::hides(const std::string& path) const {
-  for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
-    const std::string entry = directory_ + path.substr(0, end);
+  std::string place = directory_;
+  for (std::size_t start = 0; start < path.size();) {
+    const std::size_t end = std::min(path.find('/', start + 1), path.size());
+    place = withFallBack(place + path.substr(start, end - start));
     struct stat status {};
-    if (::lstat(entry.c_str(), &status) != 0) return false;  // so nothing is below it either
-    if (S_ISLNK(status.st_mode) && isLinkToNullDevice(entry)) return true;
-    if (end == std::string::npos) return false;
+    if (::lstat(place.c_str(), &status) != 0) return false;  // so nothing is below it either
+    if (S_ISLNK(status.st_mode) && isLinkToNullDevice(place)) return true;
+    start = end;
   }
+  return false;
 }
 
 }  // namespace quillsift

@@ -103,6 +103,14 @@ TEST(PlatformTreeTest, HidesAHostFileBehindALinkToTheNullDevice) {
   EXPECT_EQ(scratch.tree()->resolve("/etc/passwd"), nullopt);
 }
 
+TEST(PlatformTreeTest, HidesAlsoBehindALinkThatAnotherFallsBackOn) {
+  const ScratchTree scratch;
+  scratch.link("etc", scratch.at("nothing"));
+  scratch.link("etc@2", "/dev/null");
+  EXPECT_EQ(scratch.tree()->resolve("/etc"), nullopt);
+  EXPECT_EQ(scratch.tree()->resolve("/etc/passwd"), nullopt);
+}
+
 TEST(PlatformTreeTest, HidesAlsoBehindAChainOfLinks) {
   const ScratchTree scratch;
   scratch.link("nothing", "/dev/null");
