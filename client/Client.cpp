@@ -275,6 +275,8 @@ Ending Client::saveSession() {
   std::string text = "Saved to " + printable(path) + (archive ? fileSizeText(path) : "");
   if (leftOut > 0) text += ", left out " + countText(leftOut, "sensitive result");
   reporter_.notice({"saved", text, details.add("leftOut", leftOut)});
+  saved_ = true;
+  saver_->waitUntilCleared();
   return ending;
 }
 
@@ -331,7 +333,7 @@ std::string Client::commandText(const char* command) const {
 
 void Client::sessionStarted() {
   saver_->sessionStarted();
-  reporter_.notice({"started", "A session has started.", {}});
+  if (!saved_) reporter_.notice({"started", "A session has started.", {}});
 }
 
 void Client::sessionCleared() {
@@ -340,7 +342,7 @@ void Client::sessionCleared() {
 }
 
 void Client::jobChanged(const QSJobInfo& job) {
-  reporter_.jobChanged(job);
+  if (!saved_) reporter_.jobChanged(job);
 }
 
 void Client::saveReported(const SaveReport& report) {

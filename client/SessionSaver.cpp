@@ -32,6 +32,14 @@ Ending SessionSaver::save(const std::string& destination, SaveForm form, bool li
   return ending ? *ending : result();
 }
 
+void SessionSaver::waitUntilCleared() {
+  const auto deadline = now_() + kPatienceAtTheEnd;
+  while (watcher_.session() == Session::finished && now_() < deadline) {
+    const Turn turn = watcher_.listen(kTurn);
+    if (turn == Turn::disconnected || turn == Turn::interrupted) return;
+  }
+}
+
 std::optional<Ending> SessionSaver::waitForOtherSave() {
   if (!others_.underWay()) return std::nullopt;
   reporter_.notice({"waiting", "Waiting for another client's save to end.",

@@ -24,6 +24,9 @@ class SessionSaver {
 
   // Saves the session that `watcher` knows as finished.
   Ending save(const std::string& destination, SaveForm form, bool limited);
+  // After a save that succeeded: returns once the daemon has dropped the session, so that what is
+  // started next finds none. Nothing more depends on it, so it ends early rather than complain.
+  void waitUntilCleared();
 
   // What the daemon tells its clients, passed on by whoever observes it; during save, and before.
   void saveReported(const SaveReport& report);

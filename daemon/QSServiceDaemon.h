@@ -112,6 +112,7 @@ class QSServiceDaemon : public CollectionHost,
 
  private:
   class SaveOperation;
+  class SaveLockRelease;
 
   explicit QSServiceDaemon(CollectionRunner runner);
 
@@ -138,7 +139,7 @@ class QSServiceDaemon : public CollectionHost,
   void _saveNonArchivedQuillsiftToDestination(const std::string& destination, bool reportProgress,
                                               bool clearRecoveryDataOnFinish,
                                               bool collectSensitiveFiles, bool takeVariablesLock);
-  void clearAfterSave();
+  void clearAfterSave(SaveLockRelease& release);
   void _autoSaveQuillsiftIfApplicable(VariablesLockHolder& held)
       QS_REQUIRES(quillsiftVariablesLock_);
 

@@ -16,21 +16,21 @@
 
 namespace quillsift {
 
-namespace {
-
-// Gives the save lock, which somebody else took, back at the end of a scope.
-class SaveLockRelease {
+// Gives the save lock, which somebody else took, back at the end of a scope, or before.
+class QSServiceDaemon::SaveLockRelease {
  public:
-  explicit SaveLockRelease(SaveLock& lock) : lock_(lock) {}
-  ~SaveLockRelease() { lock_.unlock(); }
+  explicit SaveLockRelease(SaveLock& lock) : lock_(&lock) {}
+  ~SaveLockRelease() { now(); }
   SaveLockRelease(const SaveLockRelease&) = delete;
   SaveLockRelease& operator=(const SaveLockRelease&) = delete;
 
- private:
-  SaveLock& lock_;
-};
+  void now() {
+    if (lock_ != nullptr) std::exchange(lock_, nullptr)->unlock();
+  }
 
-}  // namespace
+ private:
+  SaveLock* lock_;
+};
 
 // What a writer sees of the daemon during one save.
 class QSServiceDaemon::SaveOperation : public SaveHost {
@@ -99,10 +99,10 @@ void QSServiceDaemon::_saveArchivedQuillsiftToDestination(const std::string& des
                                                           bool clearRecoveryDataOnFinish,
                                                           bool collectSensitiveFiles,
                                                           bool takeVariablesLock) {
-  const SaveLockRelease release(quillsiftSaveLock_);
+  SaveLockRelease release(quillsiftSaveLock_);
   SaveOperation operation(*this, reportProgress, takeVariablesLock);
   const bool saved = writeArchive(destination, collectSensitiveFiles, operation);
-  if (saved && clearRecoveryDataOnFinish) clearAfterSave();
+  if (saved && clearRecoveryDataOnFinish) clearAfterSave(release);
 }
 
 void QSServiceDaemon::_saveNonArchivedQuillsiftToDestination(const std::string& destination,
@@ -110,18 +110,19 @@ void QSServiceDaemon::_saveNonArchivedQuillsiftToDestination(const std::string& 
                                                              bool clearRecoveryDataOnFinish,
                                                              bool collectSensitiveFiles,
                                                              bool takeVariablesLock) {
-  const SaveLockRelease release(quillsiftSaveLock_);
+  SaveLockRelease release(quillsiftSaveLock_);
   SaveOperation operation(*this, reportProgress, takeVariablesLock);
   const bool saved = writeDirectory(destination, collectSensitiveFiles, operation);
-  if (saved && clearRecoveryDataOnFinish) clearAfterSave();
+  if (saved && clearRecoveryDataOnFinish) clearAfterSave(release);
 }
 
 // Still under the save lock, so that a save which waits for this one finds an empty session and a
-// start cannot slip in between.
-void QSServiceDaemon::clearAfterSave() {
+// start cannot slip in between. The lock is free before anybody who hears of the clear can start.
+void QSServiceDaemon::clearAfterSave(SaveLockRelease& release) {
   VariablesLockHolder lock(quillsiftVariablesLock_);
   const bool newSession = sessionUUID_ && sessionUUID_ != sessionToSave_;
   if (!newSession) __clearRecoveryData();
+  release.now();
 }
 
 void QSServiceDaemon::_autoSaveQuillsiftIfApplicable(VariablesLockHolder& held) QS_NO_ANALYSIS {

@@ -363,6 +363,29 @@ TEST_F(ClientTest, SaveEndsWith1WhenItFails) {
   EXPECT_TRUE(complained("the daemon could not save to /x.tgz")) << errors_;
 }
 
+TEST_F(ClientTest, SaveEndsOnceTheSessionIsGone) {
+  isFinished();
+  daemon_.then([&] { daemon_.saveReported(1, 2, kArchive); }).then([] {}).then([] {}).then([&] {
+    daemon_.cleared();
+  });
+  EXPECT_EQ(run(Command::save), 0);
+  EXPECT_TRUE(daemon_.scriptHasEnded());
+  EXPECT_TRUE(said("Saved to /x.tgz\n")) << output_;
+}
+
+TEST_F(ClientTest, SaveThatHasSucceededStaysASuccessWhateverComesAfterIt) {
+  const FakeRemoteDaemon::Step ends[] = {[&] { daemon_.disconnect(); },
+                                         [&] { daemon_.interrupt(); }, [&] { daemon_.started(); },
+                                         [] {}};  // never cleared
+  for (const auto& end : ends) {
+    daemon_ = FakeRemoteDaemon();
+    isFinished();
+    daemon_.then([&] { daemon_.saveReported(1, 2, kArchive); }).then(end);
+    EXPECT_EQ(run(Command::save), 0) << errors_;
+    EXPECT_EQ(errors_, "");
+  }
+}
+
 TEST_F(ClientTest, SaveThatFailsHasNoProgressToTell) {
   isFinished();
   line_.json = true;

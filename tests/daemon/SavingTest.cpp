@@ -168,6 +168,35 @@ TEST_F(SavingTest, AStartIsRefusedDuringASaveAndAcceptedAfterIt) {
   platform_.workQueues().drain();
 }
 
+TEST_F(SavingTest, WhoHearsThatASaveHasClearedTheSessionCanStartAnother) {
+  const auto connection = connect();
+  const auto clears = [&] { return connection->notifications(wire::kQuillsiftDataCleared).size(); };
+  std::atomic<bool> over = false;
+  std::vector<std::thread> others;  // a lock that is fought for is given back slowly
+  for (int i = 0; i < 3; ++i) {
+    others.emplace_back([&] {
+      while (!over)
+        daemon_->currentlyTakingQuillsift();
+    });
+  }
+  for (int round = 0; round < 100; ++round) {
+    runSession();
+    const std::size_t before = clears();
+    std::thread listener([&] {
+      while (clears() == before)
+        std::this_thread::yield();
+      EXPECT_TRUE(start());
+    });
+    save(output("x.tgz"));
+    listener.join();
+    platform_.workQueues().drain();
+    daemon_->clearRecoveryData();
+  }
+  over = true;
+  for (std::thread& other : others)
+    other.join();
+}
+
 TEST_F(SavingTest, ASaveThatCannotBeWrittenInFullIsAFailure) {
   runSession();
   platform_.outputFiles().fail("flush", ENOSPC);

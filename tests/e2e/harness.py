@@ -295,7 +295,7 @@ class DaemonTest(unittest.TestCase):
         return os.path.join(self.directory, name)
 
     def collect(self, name="saved.tgz", *arguments, expect=0):
-        """Ends once it is saved; the session is cleared a moment later."""
+        """Ends once it is saved and the session is cleared."""
         path = self.output(name)
         result = self.daemon.client("collect", path, *arguments)
         self.assertEqual(result.returncode, expect, result.stdout + result.stderr)

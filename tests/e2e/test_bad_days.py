@@ -137,7 +137,6 @@ class FewDescriptorsTest(DaemonTest):
         result, lines = self.daemon.json("collect", self.output("a.tgz"))
         self.assertEqual(result.returncode, 0, result.stdout[-2000:] + result.stderr)
         self.assertTrue(members(self.output("a.tgz")))
-        self.daemon.client("clear")  # waits for the end of the save
         again = self.daemon.client("collect", self.output("b.tgz"))
         self.assertEqual(again.returncode, 0, again.stderr)
 

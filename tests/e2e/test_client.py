@@ -156,7 +156,6 @@ class NamesTest(DaemonTest):
     def test_a_limited_archive_says_so_and_leaves_out_what_is_sensitive(self):
         result = self.daemon.client("collect", "--without-sensitive", self.directory)
         self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
-        self.daemon.client("clear")  # waits for the end of the save
         name, = os.listdir(self.directory)
         self.assertTrue(name.endswith("_Lumina14-2_25A123_limited.tgz"), name)
         full = members(self.collect("full.tgz"))
@@ -234,7 +233,6 @@ class JsonTest(DaemonTest):
         self.assertEqual(problem["state"], "nonZeroExit")
         self.assertIn("Exited with Code:3", problem["reason"])
         self.assertEqual(lines[-1]["path"], archive)
-        self.daemon.client("clear")  # waits for the end of the save
         result, lines = self.daemon.json("save", archive)
         self.assertEqual((result.returncode, lines[-1]["event"], lines[-1]["exitCode"]),
                          (1, "error", 1))

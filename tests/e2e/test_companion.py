@@ -222,7 +222,6 @@ class CompanionTest(DaemonTest):
                 self.meet(lambda peer: None, dies=state)
                 self.assert_absent(asked=False)
                 self.log.wait_for(refused, before + 1)
-                self.daemon.client("clear")  # waits for the end of the save
                 self.companion.stop()
                 os.unlink(os.path.join(self.installation.in_tree(DIRECTORY), "corvane0"))
 

@@ -49,7 +49,6 @@ class DirectoryTest(DaemonTest):
 class TreeTest(DirectoryTest):
     def test_it_holds_what_an_archive_of_the_same_plan_holds(self):
         archive = self.collect("a.tgz")
-        self.daemon.client("clear")  # waits for the end of the save
         self.take()
         self.save(self.output("d"))
         archived = {name.lstrip("/"): data for name, data, info in members(archive)}
