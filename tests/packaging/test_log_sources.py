@@ -163,9 +163,13 @@ case "$*" in
     echo "       Message: Process $process (x) of user 0 dumped core." ;;
 esac
 """ % self.path("list"), 0o755)
-        return self.run_checked(
-            "sh", self.SCRIPT, self.path("reports"),
-            env=dict(os.environ, PATH=self.path("programs") + ":" + os.environ["PATH"]))
+        self.write("programs/systemctl", "#!/bin/sh\nexit 3\n", 0o755)
+        self.write("programs/journalctl", "#!/bin/sh\n", 0o755)
+        self.run_script()
+
+    def run_script(self):
+        self.run_checked("sh", self.SCRIPT, self.path("reports"),
+                         env=dict(os.environ, PATH=self.path("programs") + ":" + os.environ["PATH"]))
 
     def test_writes_one_for_each_crash_without_its_secrets(self):
         self.crash("2026-11-20", "21:55:42", 12)
@@ -179,6 +183,22 @@ esac
         self.assertNotIn("CANARY", text)
         mode = os.stat(self.path("reports/2026-11-20-215542-12.txt")).st_mode
         self.assertEqual(mode & 0o007, 0, "for root and its group only")
+
+    def test_waits_for_a_crash_that_is_being_looked_into(self):
+        self.report()
+        self.write("known later", "Fri 2026-11-20 21:55:42 UTC 12 0 0 SIGSEGV present /usr/bin/x 20.0K\n")
+        # Busy for one call; what it knows then comes to the list when that is written out.
+        self.write("programs/systemctl", """#!/bin/sh
+echo "$*" >>%s
+[ -e %s ] && exit 3
+: >%s
+""" % (self.path("asked"), self.path("over"), self.path("over")), 0o755)
+        self.write("programs/journalctl", "#!/bin/sh\ntest -e %s && cp '%s' %s\n" % (
+            self.path("over"), self.path("known later"), self.path("list")), 0o755)
+        self.run_script()
+        self.assertEqual(os.listdir(self.path("reports")), ["2026-11-20-215542-12.txt"])
+        self.assertEqual(read(self.path("asked")),
+                         2 * "--quiet is-active systemd-coredump@*.service\n")
 
     def test_keeps_the_newest_ones(self):
         for minute in range(60):
