@@ -39,8 +39,8 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 # The package that an installed file belongs to; a folder of the other one says so.
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME daemon)
 
-# Where precompiled headers are on, the headers that nearly every file reads are read once. They are
-# off in the build named dev, where every file has to include what it needs.
+# With QUILLSIFT_PRECOMPILED_HEADERS, the headers that nearly every file reads are read once. Without,
+# as in the build named dev, every file has to include what it needs.
 #
 # quillsift_headers(name OPTIONS option... USES library... HEADERS header...)
 # The options are those of the targets that reuse the result, or the compiler would refuse it.
@@ -83,7 +83,9 @@ function(quillsift_library name)
   add_library(${name} STATIC ${ARG_SOURCES})
   target_link_libraries(${name} PUBLIC quillsift_options ${ARG_USES} PRIVATE ${ARG_PRIVATE_USES})
   target_compile_options(${name} PRIVATE ${QUILLSIFT_LIBRARY_OPTIONS})
-  target_precompile_headers(${name} REUSE_FROM quillsift_library_headers)
+  if(QUILLSIFT_PRECOMPILED_HEADERS)
+    target_precompile_headers(${name} REUSE_FROM quillsift_library_headers)
+  endif()
 endfunction()
 
 # quillsift_test(name SOURCES file... USES library...)
@@ -93,7 +95,9 @@ function(quillsift_test name)
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE quillsift_options ${ARG_USES} GTest::gmock_main)
   target_compile_options(${name} PRIVATE ${QUILLSIFT_TEST_OPTIONS})
-  target_precompile_headers(${name} REUSE_FROM quillsift_test_headers)
+  if(QUILLSIFT_PRECOMPILED_HEADERS)
+    target_precompile_headers(${name} REUSE_FROM quillsift_test_headers)
+  endif()
   # Both limits are against hangs only: a busy machine takes its time also to list the tests.
   gtest_discover_tests(${name} TEST_PREFIX "${name}." DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 120
                        PROPERTIES TIMEOUT 300)
