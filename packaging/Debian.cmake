@@ -69,7 +69,7 @@ set(CPACK_DEBIAN_PLATFORM_PACKAGE_RECOMMENDS
   "efibootmgr" "elfutils" "fdisk" "kbd" "kmod" "lsof" "lvm2" "mokutil" "pciutils" "procps"
   "smartmontools" "tpm2-tools" "zstd")
 set(CPACK_DEBIAN_PLATFORM_PACKAGE_SUGGESTS
-  "apparmor" "auditd" "device-tree-compiler" "grub-common" "ipmitool" "libubootenv-tool"
+  "apparmor" "auditd" "grub-common" "ipmitool" "libubootenv-tool"
   "logrotate" "mdadm" "policycoreutils" "rsyslog" "systemd" "systemd-boot"
   "systemd-coredump")
 foreach(relation RECOMMENDS SUGGESTS)

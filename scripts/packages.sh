@@ -17,7 +17,7 @@ collecting_packages=(
 # To test: the second compiler, the checkers, and foreign readers and clients.
 testing_packages=(
   bsdutils btrfs-progs ccache clang clang-format clang-tidy dbus-bin dosfstools dpkg-dev e2fsprogs
-  fdisk libarchive-tools libclang-rt-14-dev libglib2.0-bin libgtest-dev libgmock-dev lintian
+  fdisk git libarchive-tools libclang-rt-14-dev libglib2.0-bin libgtest-dev libgmock-dev lintian
   logrotate python3 rsyslog shellcheck systemd systemd-journal-remote tar gzip udev util-linux
   x11-xserver-utils xauth xfsprogs xserver-xorg-core xserver-xorg-video-dummy xvfb zlib1g-dev
 )

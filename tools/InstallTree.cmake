@@ -16,14 +16,14 @@ set(QUILLSIFT_TREE_PROGRAMS
 # Path in the tree, and what stands there on this system. Some exist only on some machines: a link
 # that leads nowhere counts as no link, and the next one of its name ("@2") is tried.
 set(QUILLSIFT_TREE_LINKS
-  # A directory that only root can enter. The service's unit makes it, else the daemon at its start.
+  # A directory that only root can enter. tmpfiles.d makes it, else the daemon at its start.
   private/tmp                                      /run/quillsift/tmp
   # Disk management: what the system log keeps for the programs that do it.
   private/var/log/stw                              /var/log/stw
   Volumes/StowageLog/io.vantor.stowage.log         /var/log/stw/stw.log
   # The kernel's last words before a crash.
   System/Volumes/Hardware/stashlogd                /sys/fs/pstore
-  # Where Debian's images mount the firmware's boot volume.
+  # Where Debian's images mount the firmware's boot volume, else where the service manager does.
   System/Volumes/Keelboot                          /boot/firmware
   System/Volumes/Keelboot@2                        /efi
   # Text reports of crashed programs; never the memory images themselves.
