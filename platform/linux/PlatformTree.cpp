@@ -116,7 +116,7 @@ std::optional<std::string> PlatformTree::resolveForCreation(const std::string& p
 }
 
 std::string PlatformTree::placeOf(const std::string& path) const {
-  const std::string plain = directory_ + path;
+  std::string plain = directory_ + path;
   struct stat status {};
   if (::stat(plain.c_str(), &status) == 0) return plain;
   std::string place = directory_;

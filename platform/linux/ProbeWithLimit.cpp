@@ -43,7 +43,7 @@ std::shared_ptr<ProbeWithLimit::Look> ProbeWithLimit::join(const std::string& pa
   MutexLock lock(looks_->mutex);
   const auto known = looks_->underWay.find(path);
   if (known != looks_->underWay.end()) return known->second;
-  const auto look = std::make_shared<Look>(Look{.deadline = deadlineAfter(limit_), .result = {}});
+  auto look = std::make_shared<Look>(Look{.deadline = deadlineAfter(limit_), .result = {}});
   bool started = false;
   try {
     looks_->underWay.emplace(path, look);
