@@ -72,7 +72,7 @@ class Client : private ServiceObserver {
   std::optional<SessionWatcher> watcher_;
   std::optional<SessionSaver> saver_;
   std::chrono::steady_clock::time_point lastStart_{};
-  bool saved_ = false;  // what the daemon tells from then on is about others
+  bool saved_ = false;  // what is told of sessions and jobs is then about others
   bool busyNoticed_ = false;
   bool lateEndNoticed_ = false;
 };

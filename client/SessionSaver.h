@@ -28,7 +28,7 @@ class SessionSaver {
   // started next finds none. Nothing more depends on it, so it ends early rather than complain.
   void waitUntilCleared();
 
-  // What the daemon tells its clients, passed on by whoever observes it; during save, and before.
+  // What the daemon tells its clients, passed on by whoever observes it, at any time.
   void saveReported(const SaveReport& report);
   void sessionStarted();
   // Whether this is news for the caller: a save of ours that has ended clears the session too.

@@ -39,8 +39,8 @@ set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
 # The package that an installed file belongs to; a folder of the other one says so.
 set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME daemon)
 
-# With QUILLSIFT_PRECOMPILED_HEADERS, the headers that nearly every file reads are read once. Without,
-# as in the build named dev, every file has to include what it needs.
+# With QUILLSIFT_PRECOMPILED_HEADERS, the headers that nearly every file reads are read once. Without
+# it, as in the build named dev, every file has to include what it needs.
 #
 # quillsift_headers(name OPTIONS option... USES library... HEADERS header...)
 # The options are those of the targets that reuse the result, or the compiler would refuse it.

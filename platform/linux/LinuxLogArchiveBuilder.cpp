@@ -54,7 +54,7 @@ std::string withoutFinalNewlines(std::string text) {
 }
 
 // Ends and reaps the child. One that a broken disk holds cannot be ended for now: it is left to a
-// thread that waits for it.
+// thread that waits for it; where there is none to be had, it is waited for here.
 void dismiss(std::shared_ptr<LinuxChildProcess> child, int socket) {
   child->kill();
   const auto deadline = deadlineAfter(kLongestFarewell);

@@ -55,7 +55,7 @@ std::shared_ptr<ProbeWithLimit::Look> ProbeWithLimit::join(const std::string& pa
       looks->underWay.erase(path);
       looks->someDone.notify_all();
     });
-  } catch (const std::bad_alloc&) {
+  } catch (const std::bad_alloc&) {  // costs this look only
   }
   if (started) return look;
   looks_->underWay.erase(path);

@@ -375,7 +375,12 @@ TEST_F(ClientTest, SaveEndsOnceTheSessionIsGone) {
 
 TEST_F(ClientTest, SaveThatHasSucceededStaysASuccessWhateverComesAfterIt) {
   const FakeRemoteDaemon::Step ends[] = {[&] { daemon_.disconnect(); },
-                                         [&] { daemon_.interrupt(); }, [&] { daemon_.started(); },
+                                         [&] { daemon_.interrupt(); },
+                                         [&] {  // another client's session comes after it
+                                           daemon_.started();
+                                           daemon_.jobChanged(job("other", 4, 1));
+                                           daemon_.cleared();
+                                         },
                                          [] {}};  // never cleared
   for (const auto& end : ends) {
     daemon_ = FakeRemoteDaemon();
@@ -383,6 +388,7 @@ TEST_F(ClientTest, SaveThatHasSucceededStaysASuccessWhateverComesAfterIt) {
     daemon_.then([&] { daemon_.saveReported(1, 2, kArchive); }).then(end);
     EXPECT_EQ(run(Command::save), 0) << errors_;
     EXPECT_EQ(errors_, "");
+    EXPECT_TRUE(output_.ends_with("Saved to /x.tgz\n")) << output_;
   }
 }
 

@@ -24,10 +24,10 @@ class PlatformCheckTest : public testing::Test {
     machine_.treeFile(path, "#!/bin/sh\n");
     ASSERT_EQ(::chmod((machine_.tree() + path).c_str(), 0755), 0);
   }
-  int check(const PlannedSource& source) {
+  int check(const PlannedSource& source) { return check(source, machine_.host()); }
+  int check(const PlannedSource& source, const Host& host) {
     const PlannedSource sources[] = {source};
     Output output(pipe_.writing());
-    const Host host = machine_.host();
     return checkSources(sources, host, output);
   }
   std::string printed() { return pipe_.printed(); }
@@ -117,6 +117,20 @@ TEST_F(PlatformCheckTest, TellsWhichOfSeveralSourcesIsThere) {
   EXPECT_EQ(printed(), "none    " + line + "no " + machine_.root() + "/run/initramfs.debug, " +
                            machine_.root() + "/var/log/boot.log]\n" + "tree    " + line +
                            machine_.root() + "/var/log/boot.log]\n");
+}
+
+TEST_F(PlatformCheckTest, NamesAllSourcesOfADirectory) {
+  machine_.treeLink("/private/logs", "/nowhere/first");
+  machine_.treeLink("/private/logs@2", "/nowhere/second");
+  EXPECT_EQ(check({"directory", "logs/<name>", "/private/logs/", {}}), 0);
+  EXPECT_THAT(printed(), HasSubstr("[no /nowhere/first, /nowhere/second]\n"));
+}
+
+TEST_F(PlatformCheckTest, TakesNoLinkOfTheHostForOneOfATreeThatIsNotThere) {
+  machine_.treeLink("/x", "/nowhere");
+  const Host bare(machine_.root(), {}, "");
+  EXPECT_EQ(check({"command", "x.txt", machine_.tree() + "/x", {}}, bare), 69);
+  EXPECT_THAT(printed(), HasSubstr("[not in the tree]\n"));
 }
 
 // A listing says at its end what was not installed: all of that must be among the needs.
